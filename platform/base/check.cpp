@@ -5,9 +5,9 @@
 
 namespace ryx::platform {
 
-void checkFailed(const char* message, const std::source_location& where) {
-  std::fprintf(stderr, "%s:%u: %s: Assertion failed: %s\n", where.file_name(),
-               static_cast<unsigned>(where.line()), where.function_name(), message);
+void checkFailed(const char* message, const SourceLocation& where) {
+  std::fprintf(stderr, "%s:%u: %s: Assertion failed: %s\n", where.file, where.line, where.function,
+               message);
   std::abort();
 }
 

@@ -30,7 +30,7 @@ class RYX_PRIVATE IpAddr {
 
   constexpr IpAddr() = default;
 
-  // Copies 4 bytes (IPv4) or 16 (IPv6) in network order; none for Af::null.
+  // Copies 4 bytes (IPv4) or 16 (IPv6) in network order; every other family gives the null address.
   IpAddr(Af af, const uint8_t* bytes);
 
   // The IPv4 address with this value in host order: v4(0x0a000001) is 10.0.0.1.

@@ -2,9 +2,9 @@
 #ifndef RYX_INLINE_TYPES_ETH_H
 #define RYX_INLINE_TYPES_ETH_H
 
-#include <cstring>
+#include <ryx/eth.h>
 
-#include "ryx/eth.h"
+#include <cstring>
 
 namespace ryx {
 

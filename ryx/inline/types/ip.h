@@ -2,7 +2,7 @@
 #ifndef RYX_INLINE_TYPES_IP_H
 #define RYX_INLINE_TYPES_IP_H
 
-#include "ryx/ip.h"
+#include <ryx/ip.h>
 
 namespace ryx {
 

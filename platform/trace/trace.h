@@ -44,6 +44,9 @@ class RYX_PRIVATE TraceFacility {
     return (effective_.load(std::memory_order_relaxed) >> level) & 1u;
   }
 
+  // What enabled() tests, a bit a level, for a front end that does the test inline.
+  const std::atomic<uint16_t>& effectiveLevels() const { return effective_; }
+
   // Enabling a level also enables the facility as a whole; disabling one leaves the facility flag.
   void enabledIs(int level, bool on);
 

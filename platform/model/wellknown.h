@@ -1,0 +1,39 @@
+// The places of Statehub that exist from the start, and who may write there. A mount of one of them
+// never waits for somebody to write first.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "platform/qel/dir.h"
+
+namespace ryx::platform {
+
+enum class Access : uint8_t {
+  service,   // the switch side alone
+  shared,    // the switch side, agents, the operator
+  agentOwn,  // each agent what lies in the entity of its own name, the switch side everything
+};
+
+struct WellKnown {
+  std::string_view path;
+  const TypeInfo& (*type)();
+  Access access;
+  // agentOwn: how many names below the path an agent's own entity stands (its agent name, or
+  // "RyxSdk-" and that).
+  uint8_t ownDepth = 1;
+  // Other agents receive the directory level alone and not this one's entity.
+  bool isPrivate = false;
+};
+
+RYX_PRIVATE const std::vector<WellKnown>& wellKnown();
+// The one that `path` lies in or is, or null.
+RYX_PRIVATE const WellKnown* wellKnownAbove(std::string_view path);
+// Makes them all, with their defaults.
+RYX_PRIVATE void makeWellKnown(Tree& tree);
+
+// Registers every type of the model, so that they can be made by name.
+RYX_PRIVATE void registerModel();
+
+}  // namespace ryx::platform

@@ -1,0 +1,241 @@
+#include "platform/qel/collection.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace ryx::platform {
+namespace {
+
+template <class T>
+T* resized(T* old, size_t n) {
+  void* p = std::realloc(old, n * sizeof(T));
+  if (!p) throw std::bad_alloc();
+  return static_cast<T*>(p);
+}
+
+}  // namespace
+
+CollectionBase::~CollectionBase() {
+  if (!table_) return;
+  for (CollectionIterator* it = table_->iterators; it;) {
+    CollectionIterator* following = it->nextIterator_;
+    it->leave();
+    it->collection_ = nullptr;
+    it->current_ = nullptr;
+    it = following;
+  }
+  for (uint32_t i = 0; i < table_->used; ++i)
+    if (Entity* e = table_->entries[i]) {
+      e->owner_ = nullptr;
+      Ref<Entity> last(e);
+      --e->refs;
+    }
+  std::free(table_->entries);
+  std::free(table_->hashes);
+  std::free(table_->slots);
+  delete table_;
+}
+
+Entity* CollectionBase::findHashed(uint64_t hash, const void* key) const {
+  if (!table_ || table_->live == 0) return nullptr;
+  const Table& t = *table_;
+  auto hash32 = static_cast<uint32_t>(hash >> 32);
+  for (uint32_t at = hash32 & t.slotMask;; at = (at + 1) & t.slotMask) {
+    uint32_t slot = t.slots[at];
+    if (slot == 0) return nullptr;
+    if (slot == kGone || t.hashes[slot - 1] != hash32) continue;
+    Entity* e = t.entries[slot - 1];
+    const TypeInfo& type = e->type();
+    if (type.keyKind->equal(e->at(type.keyOffset), key)) return e;
+  }
+}
+
+void CollectionBase::insertSlot(uint32_t hash, uint32_t place) {
+  Table& t = *table_;
+  uint32_t at = hash & t.slotMask;
+  while (t.slots[at] != 0 && t.slots[at] != kGone) at = (at + 1) & t.slotMask;
+  t.slots[at] = place + 1;
+}
+
+uint32_t* CollectionBase::slotOf(uint32_t hash, uint32_t place) const {
+  const Table& t = *table_;
+  uint32_t at = hash & t.slotMask;
+  while (t.slots[at] != place + 1) at = (at + 1) & t.slotMask;
+  return &t.slots[at];
+}
+
+// Moves the entries together, resizes, fills the slots anew; iterators keep their elements.
+void CollectionBase::rebuild(uint32_t capacity) {
+  Table& t = *table_;
+  if (t.live != t.used) {
+    for (CollectionIterator* it = t.iterators; it; it = it->nextIterator_) {
+      uint32_t before = 0;
+      for (uint32_t i = 0; i < it->place_ && i < t.used; ++i) before += t.entries[i] != nullptr;
+      it->place_ = before;
+    }
+    uint32_t to = 0;
+    for (uint32_t from = 0; from < t.used; ++from)
+      if (Entity* e = t.entries[from]) {
+        t.entries[to] = e;
+        t.hashes[to] = t.hashes[from];
+        e->slot_ = to++;
+      }
+    t.used = to;
+  }
+  if (capacity != t.capacity) {
+    t.entries = resized(t.entries, capacity);
+    t.hashes = resized(t.hashes, capacity);
+    t.capacity = capacity;
+    t.slotMask = capacity * 2 - 1;
+    std::free(t.slots);
+    t.slots = static_cast<uint32_t*>(std::calloc(capacity * 2, sizeof(uint32_t)));
+    if (!t.slots) throw std::bad_alloc();
+  } else {
+    std::memset(t.slots, 0, (size_t(t.slotMask) + 1) * sizeof(uint32_t));
+  }
+  for (uint32_t i = 0; i < t.used; ++i) insertSlot(t.hashes[i], i);
+}
+
+void CollectionBase::grow() {
+  if (!table_) table_ = new Table;
+  Table& t = *table_;
+  if (t.used < t.capacity) return;
+  bool holes = t.live < t.used - t.used / 4;
+  rebuild(t.capacity == 0 ? 4 : holes ? t.capacity : t.capacity * 2);
+}
+
+Entity* CollectionBase::add(const Ref<Entity>& child) {
+  const Kind& kind = *child->type().keyKind;
+  uint64_t hash = kind.hash(child->keyData());
+  return findHashed(hash, child->keyData()) ? nullptr : addHashed(child, hash);
+}
+
+Entity* CollectionBase::addHashed(const Ref<Entity>& child, uint64_t hash) {
+  if (journal_ && !journal_->admits(*child, owner_)) return nullptr;
+  grow();
+  Table& t = *table_;
+  Entity& e = *child;
+  auto hash32 = static_cast<uint32_t>(hash >> 32);
+  uint32_t place = t.used++;
+  t.entries[place] = &e;
+  t.hashes[place] = hash32;
+  insertSlot(hash32, place);
+  ++t.live;
+  ++e.refs;
+  e.owner_ = this;
+  e.slot_ = place;
+  const TypeInfo& type = e.type();
+  if (journal_) {
+    if (type.journalOffset) {
+      auto* own = static_cast<Journal*>(e.at(type.journalOffset));
+      own->bind(journal_->clock(), &e);
+      for (const CollectionInfo& c : type.collections) e.collection(c).enterJournal(own);
+    } else {
+      for (const CollectionInfo& c : type.collections) e.collection(c).enterJournal(journal_);
+    }
+    journal_->touched(e);
+    if (e.generation_ == 0) e.generation_ = e.version;
+  }
+  return &e;
+}
+
+void CollectionBase::takeOut(Entity& child) {
+  Table& t = *table_;
+  uint32_t place = child.slot_;
+  *slotOf(t.hashes[place], place) = kGone;
+  t.entries[place] = nullptr;
+  --t.live;
+  child.owner_ = nullptr;
+  if (t.live == 0 && t.used > 64) {  // a table that emptied gives its memory back
+    for (CollectionIterator* it = t.iterators; it; it = it->nextIterator_) it->place_ = 0;
+    t.used = 0;
+    rebuild(4);
+  }
+}
+
+bool CollectionBase::remove(Entity& child) {
+  if (journal_ && !journal_->admits(child, owner_)) return false;
+  Ref<Entity> hold(&child);
+  for (const CollectionInfo& c : child.type().collections) child.collection(c).removeAll();
+  takeOut(child);
+  --child.refs;  // the table's; `hold` and, from now on, the journal keep it
+  child.flags |= Entity::kDead;
+  if (journal_) journal_->died(child);
+  return true;
+}
+
+void CollectionBase::removeAll() {
+  if (!table_) return;
+  for (uint32_t i = 0; i < table_->used; ++i) {
+    Entity* e = table_->entries[i];
+    if (!e) continue;
+    Ref<Entity> hold(e);
+    for (const CollectionInfo& c : e->type().collections) e->collection(c).removeAll();
+    table_->entries[i] = nullptr;
+    --table_->live;
+    e->owner_ = nullptr;
+    --e->refs;
+    e->flags |= Entity::kDead;
+    if (journal_) journal_->died(*e);
+  }
+  for (CollectionIterator* it = table_->iterators; it; it = it->nextIterator_) it->place_ = 0;
+  table_->used = 0;
+  rebuild(4);
+}
+
+// --- iterators ----------------------------------------------------------------------------------
+
+CollectionIterator::CollectionIterator(const CollectionBase& collection)
+    : collection_(&collection) {
+  enter();
+  settle();
+}
+
+CollectionIterator::CollectionIterator(const CollectionIterator& o)
+    : collection_(o.collection_), place_(o.place_), current_(o.current_) {
+  enter();
+}
+
+CollectionIterator& CollectionIterator::operator=(const CollectionIterator& o) {
+  if (this == &o) return *this;
+  leave();
+  collection_ = o.collection_;
+  place_ = o.place_;
+  current_ = o.current_;
+  enter();
+  return *this;
+}
+
+void CollectionIterator::enter() {
+  if (!collection_ || !collection_->table_) return;
+  auto& head = collection_->table_->iterators;
+  nextIterator_ = head;
+  link_ = &head;
+  if (head) head->link_ = &nextIterator_;
+  head = this;
+}
+
+void CollectionIterator::leave() {
+  if (!link_) return;
+  *link_ = nextIterator_;
+  if (nextIterator_) nextIterator_->link_ = link_;
+  link_ = nullptr;
+  nextIterator_ = nullptr;
+}
+
+void CollectionIterator::settle() {
+  if (!collection_) return;
+  const auto* t = collection_->table_;
+  while (t && place_ < t->used && !t->entries[place_]) ++place_;
+  current_ = t && place_ < t->used ? Ref<Entity>(t->entries[place_]) : Ref<Entity>();
+}
+
+void CollectionIterator::next() {
+  // While its element is in the table the iterator stands on it; otherwise on the first place
+  // behind.
+  const auto* t = collection_ ? collection_->table_ : nullptr;
+  if (t && place_ < t->used && t->entries[place_] == current_.get()) ++place_;
+  settle();
+}
+
+}  // namespace ryx::platform

@@ -1,0 +1,176 @@
+// Keyed collections: hash tables of child entities. `Collection` holds entities of one type (or, in
+// a directory, of any type, by name); `Table` holds plain values, each in a small entity of its
+// own, so that followers hear of single entries and one mechanism serves both.
+//
+// Iterators survive any change of the table: an element may be seen or missed, never invalid, and
+// what stays in the table is seen at most once. Element order is that of insertion, not to be
+// relied on.
+#pragma once
+
+#include <string_view>
+
+#include "platform/qel/entity.h"
+#include "platform/qel/journal.h"
+
+namespace ryx::platform {
+
+class CollectionIterator;
+
+class RYX_PRIVATE CollectionBase {
+ public:
+  CollectionBase() = default;
+  ~CollectionBase();
+  CollectionBase(const CollectionBase&) = delete;
+  CollectionBase& operator=(const CollectionBase&) = delete;
+
+  size_t size() const { return table_ ? table_->live : 0; }
+  bool empty() const { return size() == 0; }
+  Entity* owner() const { return owner_; }
+  const CollectionInfo& info() const { return *info_; }
+  Journal* journal() const { return journal_; }
+
+  Entity* findHashed(uint64_t hash, const void* key) const;
+  Entity* findErased(const void* key, const Kind& kind) const {
+    return findHashed(kind.hash(key), key);
+  }
+  // Puts it in, with its key set; null when the key is taken or the writer may not.
+  Entity* add(const Ref<Entity>& child);
+  Entity* addHashed(const Ref<Entity>& child, uint64_t hash);
+  // Takes it out with all below it. False when the writer may not.
+  bool remove(Entity& child);
+
+  // All of it out of the table, no writer asked: its owner is dying.
+  void removeAll();
+  void bind(Entity* owner, const CollectionInfo* info) {
+    owner_ = owner;
+    info_ = info;
+  }
+  void enterJournal(Journal* journal) { journal_ = journal; }
+
+ private:
+  friend class CollectionIterator;
+  struct Table {
+    Entity** entries = nullptr;  // in order of insertion, null where one was taken out
+    uint32_t* hashes = nullptr;
+    uint32_t* slots = nullptr;  // open addressing: 0 empty, kGone, or an entry's place + 1
+    uint32_t capacity = 0;      // of entries
+    uint32_t used = 0;          // entries appended, holes included
+    uint32_t live = 0;
+    uint32_t slotMask = 0;
+    CollectionIterator* iterators = nullptr;
+  };
+  static constexpr uint32_t kGone = 0xffffffffu;
+
+  void grow();
+  void rebuild(uint32_t capacity);
+  void insertSlot(uint32_t hash, uint32_t place);
+  uint32_t* slotOf(uint32_t hash, uint32_t place) const;
+  void takeOut(Entity& child);
+
+  Entity* owner_ = nullptr;
+  const CollectionInfo* info_ = nullptr;
+  Journal* journal_ = nullptr;
+  Table* table_ = nullptr;
+};
+
+// A place in a collection, kept right by the collection whatever happens to it.
+class RYX_PRIVATE CollectionIterator {
+ public:
+  CollectionIterator() = default;
+  explicit CollectionIterator(const CollectionBase& collection);
+  CollectionIterator(const CollectionIterator& o);
+  CollectionIterator& operator=(const CollectionIterator& o);
+  ~CollectionIterator() { leave(); }
+
+  // At an element. The element lives as long as it is the current one, even when it was deleted.
+  explicit operator bool() const { return static_cast<bool>(current_); }
+  void next();
+  Entity* get() const { return current_.get(); }
+  bool operator==(const CollectionIterator& o) const {
+    return collection_ == o.collection_ && current_ == o.current_;
+  }
+
+ private:
+  friend class CollectionBase;
+  void enter();
+  void leave();
+  void settle();
+
+  const CollectionBase* collection_ = nullptr;
+  CollectionIterator* nextIterator_ = nullptr;
+  CollectionIterator** link_ = nullptr;
+  uint32_t place_ = 0;
+  Ref<Entity> current_;
+};
+
+// A typed view of an iterator: key() and the element.
+template <class Child>
+class TypedIterator : public CollectionIterator {
+ public:
+  using CollectionIterator::CollectionIterator;
+  Child* operator->() const { return static_cast<Child*>(get()); }
+  Child& operator*() const { return *static_cast<Child*>(get()); }
+  const auto& key() const { return static_cast<Child*>(get())->key(); }
+};
+
+template <class Self, FixedString N, class Child, uint8_t Marks>
+class CollectionOf : public CollectionBase {
+ public:
+  using Key = typename decltype(Child::key)::Value;
+  using Iterator = TypedIterator<Child>;
+
+  CollectionOf() {
+    if (TypeBuilder::current) [[unlikely]]
+      TypeBuilder::current->collection(N.text, &typeOf<Child>, this, Marks);
+  }
+
+  Child* find(const Key& key) const {
+    return static_cast<Child*>(findHashed(kinds::hashValue(key), &key));
+  }
+  // The one there is, or a new one; null when the writer may not create it. `init` sets constructor
+  // attributes before anyone sees it.
+  template <class F>
+  Child* create(const Key& key, F&& init) {
+    uint64_t hash = kinds::hashValue(key);
+    if (Entity* there = findHashed(hash, &key)) return static_cast<Child*>(there);
+    Ref<Child> child = make<Child>(key);
+    init(*child);
+    return static_cast<Child*>(addHashed(Ref<Entity>(child), hash));
+  }
+  Child* create(const Key& key) {
+    return create(key, [](Child&) {});
+  }
+  bool erase(const Key& key) {
+    Child* child = find(key);
+    return child && remove(*child);
+  }
+  Iterator iterator() const { return Iterator(*this); }
+};
+
+// One value of a Table.
+template <class Owner, FixedString N, class K, class V>
+struct TableEntry : EntityType<TableEntry<Owner, N, K, V>> {
+  static const char* typeName() {
+    static const std::string name = std::string(Owner::kTypeName) + "." + N.text;
+    return name.c_str();
+  }
+  KeyOf<TableEntry, K> key;
+  AttrOf<TableEntry, "value", V, kPlain> value;
+};
+
+template <class Self, FixedString N, class K, class V, uint8_t Marks>
+class TableOf : public CollectionOf<Self, N, TableEntry<Self, N, K, V>, Marks> {
+ public:
+  using Entry = TableEntry<Self, N, K, V>;
+  const V* get(const K& key) const {
+    Entry* e = this->find(key);
+    return e ? &e->value() : nullptr;
+  }
+  // False when the writer may not.
+  bool set(const K& key, const V& value) {
+    if (Entry* e = this->find(key)) return e->value.set(value);
+    return this->create(key, [&](Entry& e) { e.value.init(value); }) != nullptr;
+  }
+};
+
+}  // namespace ryx::platform

@@ -1,0 +1,229 @@
+#include "platform/qel/journal.h"
+
+namespace ryx::platform {
+namespace {
+
+void unlink(JournalNode& n) {
+  n.prev->next = n.next;
+  n.next->prev = n.prev;
+  n.prev = n.next = nullptr;
+}
+
+void linkBefore(JournalNode& n, JournalNode& before) {
+  n.prev = before.prev;
+  n.next = &before;
+  before.prev->next = &n;
+  before.prev = &n;
+}
+
+bool isEntity(const JournalNode* n) {
+  return n->typeId >= JournalNode::kFirstType;
+}
+
+}  // namespace
+
+// --- Journal ------------------------------------------------------------------------------------
+
+Journal::Journal() {
+  end_.typeId = JournalNode::kEnd;
+  end_.prev = end_.next = &end_;
+}
+
+Journal::~Journal() {
+  while (oldest_) oldest_->detach();
+  for (JournalNode* n = end_.next; n != &end_;) {
+    JournalNode* following = n->next;
+    auto& e = static_cast<Entity&>(*n);
+    unlink(e);
+    if (e.dead()) {
+      Ref<Entity> last(&e);
+      --e.refs;
+    }
+    n = following;
+  }
+}
+
+void Journal::bind(StoreClock* clock, Entity* root) {
+  clock_ = clock;
+  root_ = root;
+}
+
+void Journal::append(Entity& e) {
+  if (e.prev) unlink(e);
+  e.version = ++clock_->version;
+  // Cursors that stand at the end are at the tail of the list, behind every entity.
+  for (JournalNode* n = end_.prev; n->typeId == JournalNode::kCursor; n = n->prev) {
+    auto& cursor = static_cast<Cursor&>(*n);
+    if (cursor.active_) continue;
+    cursor.active_ = true;
+    cursor.activated();
+  }
+  linkBefore(e, end_);
+}
+
+void Journal::touched(Entity& e) {
+  append(e);
+}
+
+void Journal::died(Entity& e) {
+  bool wanted = oldest_ && (remoteCursors_ != 0 || e.seen != 0);
+  if (!wanted) {
+    if (e.prev) unlink(e);
+    return;
+  }
+  append(e);
+  ++e.refs;
+  ++tombstones_;
+  if (tombstones_ > kMaxTombstones && remoteCursors_ != 0) boundTombstones();
+}
+
+bool Journal::judge(const Entity& e, const Entity* parent) {
+  Writer::Admission verdict = clock_->writer->admits(*this, e, parent);
+  if (verdict == Writer::Admission::all) admitted_ = clock_->writer;
+  return verdict != Writer::Admission::refused;
+}
+
+void Journal::dropTombstone(Entity& e) {
+  unlink(e);
+  --tombstones_;
+  Ref<Entity> last(&e);
+  --e.refs;
+}
+
+void Journal::sweep() {
+  if (tombstones_ == 0) return;
+  for (JournalNode* n = end_.next; n != &end_ && n->typeId != JournalNode::kCursor;) {
+    JournalNode* following = n->next;
+    auto& e = static_cast<Entity&>(*n);
+    if (e.dead()) dropTombstone(e);
+    n = following;
+  }
+}
+
+// The connections that hold the most tombstones back are sent to the head, to compare; what no
+// follower that remembers waits for goes.
+void Journal::boundTombstones() {
+  for (Cursor* c = oldest_; c;) {
+    Cursor* newer = c->newer_;
+    if (!c->remembers_ && !c->atEnd()) {
+      ++overruns_;
+      c->moveToHead();
+      c->overrun();
+    }
+    c = newer;
+  }
+  bool rememberers = false;
+  for (JournalNode* n = end_.next; n != &end_;) {
+    JournalNode* following = n->next;
+    if (n->typeId == JournalNode::kCursor) {
+      rememberers |= static_cast<Cursor*>(n)->remembers_;
+    } else if (auto& e = static_cast<Entity&>(*n); e.dead() && (e.seen == 0 || !rememberers)) {
+      dropTombstone(e);
+    }
+    n = following;
+  }
+}
+
+// --- Cursor -------------------------------------------------------------------------------------
+
+Cursor::~Cursor() {
+  detach();
+}
+
+void Cursor::link(Journal& journal, JournalNode* before, bool remembers) {
+  check(!journal_, "a cursor follows one journal at a time");
+  journal_ = &journal;
+  remembers_ = remembers;
+  if (!remembers) ++journal.remoteCursors_;
+  linkBefore(*this, *before);
+}
+
+void Cursor::attachAtHead(Journal& journal, bool remembers) {
+  link(journal, journal.end_.next, remembers);
+  version = 0;
+  older_ = nullptr;
+  newer_ = journal.oldest_;
+  (newer_ ? newer_->older_ : journal.newest_) = this;
+  journal.oldest_ = this;
+  active_ = !atEnd();
+  if (active_) activated();
+}
+
+void Cursor::attachAtEnd(Journal& journal, bool remembers) {
+  link(journal, &journal.end_, remembers);
+  version = journal.clock_ ? journal.clock_->version : 0;
+  newer_ = nullptr;
+  older_ = journal.newest_;
+  (older_ ? older_->newer_ : journal.oldest_) = this;
+  journal.newest_ = this;
+  active_ = false;
+}
+
+void Cursor::detach() {
+  if (!journal_) return;
+  Journal& j = *journal_;
+  bool wasOldest = j.oldest_ == this;
+  (older_ ? older_->newer_ : j.oldest_) = newer_;
+  (newer_ ? newer_->older_ : j.newest_) = older_;
+  older_ = newer_ = nullptr;
+  unlink(*this);
+  if (!remembers_) --j.remoteCursors_;
+  journal_ = nullptr;
+  active_ = false;
+  if (wasOldest) j.sweep();
+}
+
+bool Cursor::atEnd() const {
+  const JournalNode* n = JournalNode::next;
+  while (n->typeId == kCursor) n = n->next;
+  return !isEntity(n);
+}
+
+// `other` is the next cursor behind this one in the order of age: they change places.
+void Cursor::passCursor(Cursor* other) {
+  Journal& j = *journal_;
+  (older_ ? older_->newer_ : j.oldest_) = other;
+  other->older_ = older_;
+  newer_ = other->newer_;
+  (newer_ ? newer_->older_ : j.newest_) = this;
+  other->newer_ = this;
+  older_ = other;
+}
+
+void Cursor::moveToHead() {
+  Journal& j = *journal_;
+  (older_ ? older_->newer_ : j.oldest_) = newer_;
+  (newer_ ? newer_->older_ : j.newest_) = older_;
+  unlink(*this);
+  linkBefore(*this, *j.end_.next);
+  older_ = nullptr;
+  newer_ = j.oldest_;
+  (newer_ ? newer_->older_ : j.newest_) = this;
+  j.oldest_ = this;
+  version = 0;
+}
+
+Ref<Entity> Cursor::next() {
+  JournalNode* n = JournalNode::next;
+  while (n->typeId == kCursor) {
+    passCursor(static_cast<Cursor*>(n));
+    n = n->next;
+  }
+  if (!isEntity(n)) {
+    if (n != JournalNode::next) {
+      unlink(*this);
+      linkBefore(*this, *n);
+    }
+    active_ = false;
+    return {};
+  }
+  unlink(*this);
+  linkBefore(*this, *n->next);
+  version = n->version;
+  auto& e = static_cast<Entity&>(*n);
+  Ref<Entity> found(&e);
+  if (e.dead() && journal_->oldest_ == this) journal_->dropTombstone(e);
+  return found;
+}
+
+}  // namespace ryx::platform

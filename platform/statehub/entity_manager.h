@@ -1,0 +1,117 @@
+// The door to Statehub for one participant (an agent, a service): what it has mounted, looked up by
+// path, and what it writes, judged by who it is.
+//
+// A participant works on a tree of memory: on the one tree of the process (embedded: no second
+// copy, no socket), or on a replica of what it mounted, kept by a link to a hub. Which of the two,
+// nothing above this interface can tell.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/qel/dir.h"
+
+namespace ryx::platform {
+
+// How a mount ended.
+enum class MountStatus : int {
+  pending = 0,
+  noSuchPath = 1,  // nothing stands there, and nothing may
+  wrongType = 2,   // what stands there is of another type, or the type is unknown
+  refused = 3,     // this participant may not have it in that mode
+  success = 4,
+  badMode = 5,  // a mode letter that does not exist
+  linkLost = 6,
+};
+
+// One declared mount. `mode` is a set of letters: r (read), w (read and write), c (create it if it
+// is missing), i (immediate: served before mounts without it), S (the directory level and the
+// participant's own entity alone), all in any order.
+struct MountRequest {
+  std::string path;
+  std::string typeName;
+  std::string mode;
+};
+
+class RYX_PRIVATE MountGroup {
+ public:
+  virtual ~MountGroup() = default;
+  void add(std::string_view path, std::string_view typeName, std::string_view mode) {
+    requests_.push_back({std::string(path), std::string(typeName), std::string(mode)});
+  }
+  const std::vector<MountRequest>& requests() const { return requests_; }
+  // Starts the mounts. `done` is called once from the loop, never from within: with success when
+  // all of them are there in full, else with the first failure, told by a trace with its path.
+  virtual void close(std::function<void(MountStatus)> done) = 0;
+
+ private:
+  std::vector<MountRequest> requests_;
+};
+
+class RYX_PRIVATE EntityManager : public Writer {
+ public:
+  // On the tree of this process. `agentName`: who it is; empty: a service.
+  static std::unique_ptr<EntityManager> embedded(std::string_view agentName);
+  // On a replica, over a connected stream socket, whose descriptor it owns from now on.
+  static std::unique_ptr<EntityManager> overSocket(int fd, std::string_view agentName);
+
+  ~EntityManager() override = default;
+
+  const std::string& agentName() const { return agentName_; }
+  // "RyxSdk-" and the agent's name: the name of its own entities.
+  std::string ownName() const { return "RyxSdk-" + agentName_; }
+
+  virtual std::unique_ptr<MountGroup> mountGroup() = 0;
+
+  virtual Tree& tree() = 0;
+  Entity* find(std::string_view path) { return tree().find(path); }
+  template <class T>
+  T* find(std::string_view path) {
+    return tree().find<T>(path);
+  }
+
+  // The agent's own root, "localAgentPlugin": of this participant alone, never sent.
+  Dir& localRoot() { return local_.root(); }
+
+  // --- output ---
+  // Bytes that are written but not taken by the connection yet. Embedded: none, ever.
+  virtual size_t unsentBytes() const = 0;
+  // More than that many are unsent: a writer of much should wait.
+  static constexpr size_t kCloggedBytes = 256 * 1024;
+  virtual bool clogged() const { return unsentBytes() > kCloggedBytes; }
+  // Nothing that was written here is unsent: neither bytes nor changes that wait to be encoded.
+  virtual bool drained() const = 0;
+  // The sockets to Statehub, for their buffer sizes. None embedded.
+  virtual std::vector<int> connections() const = 0;
+
+  // From Writer: the rules of platform/statehub/authority.h.
+  Admission admits(const Journal& journal, const Entity& entity, const Entity* parent) override;
+  uint64_t refusals() const { return refusals_; }
+
+ protected:
+  explicit EntityManager(std::string_view agentName) : agentName_(agentName) {}
+
+ private:
+  std::string agentName_;
+  Tree local_;
+  uint64_t refusals_ = 0;
+};
+
+// Writes in this scope are the participant's, and judged so.
+class WriterScope {
+ public:
+  explicit WriterScope(EntityManager& em) : clock_(em.tree().clock()), outer_(clock_.writer) {
+    clock_.writer = &em;
+  }
+  ~WriterScope() { clock_.writer = outer_; }
+  WriterScope(const WriterScope&) = delete;
+
+ private:
+  StoreClock& clock_;
+  Writer* outer_;
+};
+
+}  // namespace ryx::platform

@@ -1,0 +1,39 @@
+// The Statehub inside the process: the one tree that embedded participants share, with its
+// well-known entities, and the feeds that fill it.
+//
+// STATEHUBLOCAL, when set, selects it. Its value names the feed: "linux", "sim" or "sim:FILE",
+// empty or "1" for none. A feed is a module, loaded on demand from the folder ryx/ beside libryx.so
+// (or from RYX_FEED_DIR): libryx.so itself knows no kernel and no simulation.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "platform/qel/dir.h"
+
+namespace ryx::platform {
+
+// The tree of this process, made with its well-known entities on first use.
+RYX_PRIVATE Tree& localTree();
+
+// Whether STATEHUBLOCAL is set, whatever its value.
+RYX_PRIVATE bool localSelected();
+
+// Starts the feed that STATEHUBLOCAL names, once a process. An unknown value, a module that is not
+// there or does not start is told on standard error; the Statehub then stays without a feed.
+RYX_PRIVATE void startLocalFeed();
+
+// What a feed is: made by its module's `ryxFeedStart`, destroyed never (it lives as the tree does).
+class Feed {
+ public:
+  virtual ~Feed() = default;
+};
+// The module's entry: `argument` is what stands behind the feed's name and a colon. Null, with
+// `error` set, when it cannot start.
+using FeedStart = Feed* (*)(Tree& tree, const std::string& argument, std::string* error);
+inline constexpr const char* kFeedStartSymbol = "ryxFeedStart";
+// Says that module and library are of one build.
+inline constexpr const char* kFeedAbiSymbol = "ryxFeedAbi";
+RYX_PRIVATE extern const char kPlatformAbi[];
+
+}  // namespace ryx::platform

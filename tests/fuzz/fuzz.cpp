@@ -7,8 +7,8 @@
 // mutations of it. With libFuzzer, the same file searches for new inputs; to follow the library's
 // branches it is built from the library's sources:
 //
-//   clang++ -std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -I. -DRYX_VERSION='"0"' -o /tmp/fuzz
-//       tests/fuzz/fuzz.cpp lib/*.cpp platform/*/*.cpp
+//   clang++ -std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -DRYX_VERSION='"0"' -I.
+//       -o /tmp/fuzz tests/fuzz/fuzz.cpp lib/*.cpp platform/*/*.cpp
 //   RYX_FUZZ=interface-name /tmp/fuzz tests/fuzz/corpus/interface-name     (or --target=NAME)
 //
 // To add a parser, write a function like those below and its line in the table, and put a few

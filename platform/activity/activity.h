@@ -60,6 +60,12 @@ class RYX_PRIVATE Activity {
   static constexpr int kZeroRunTurns = 10'000;
   // The most run() inside one another: past it run() does nothing.
   static constexpr int kNestedRuns = 100;
+  // The most turns between two looks at the descriptors while the loop is busy. A turn whose slice
+  // is spent, and one in a new tick of the coarse clock, look in any case.
+  static constexpr int kPollTurns = 64;
+  // On a virtual clock, the busy turns (in units of zeroRunTurns()) after which time passes all the
+  // same, to the next timer or the end of the run.
+  static constexpr int kBusyZeroRuns = 100;
   // A callback that holds the loop longer is traced by name and counted.
   static constexpr double kSlowCallback = 0.1;
 
@@ -128,33 +134,41 @@ class RYX_PRIVATE Activity {
   friend class Descriptor;
 
   struct Callback;
+  struct TaskCallback;
+  struct DescriptorCallback;
   struct Run;
 
-  void taskQueued();
+  void taskQueued() {
+    if (awake_ == 0) nudge();
+  }
   void timersChanged() {
     if (waiting_ != 0 || listener_) earliestChanged();
   }
   void earliestChanged();
   void interestChanged(DescriptorTable::Entry& entry, bool on);
+  void taskGone(const Task& task);
+  void descriptorGone(const Descriptor& descriptor);
 
   void nudge();
   void drainNudge();
 
-  bool turn(const Run& run);
+  void runPending(Run& run);
+  void runUntil(Run& run);
+  void turn(Run& run);
   void fireTimers(const Run& run);
-  void serveDescriptors(const Run& run);
+  void serveDescriptors(Run& run);
   void runTasks(const Run& run);
-  void deliver(int fd, DescriptorTable::Mask events);
-  void deliver(DescriptorTable::Entry& entry, DescriptorEvent event);
+  void deliver(DescriptorTable::Entry& entry, DescriptorTable::Mask events);
+  bool pollIsDue(const Run& run);
+  void poll();
   bool rest(const Run& run);
   void wait(double until);
-  void passVirtualTime(double until);
+  int waitForNudge(double seconds) const;
   void handOver();
 
-  bool isHost() const;
-  void tellInterests(DescriptorTable::Entry& entry);
+  void tell(DescriptorTable::Entry& entry);
+  void tellWhatOthersChanged();
   void tellWakeUp();
-  void tellUntold();
 
   ActivityLock lock_;
   TaskQueue tasks_;
@@ -173,15 +187,17 @@ class RYX_PRIVATE Activity {
   int awake_ = 0;                     // those that will look at the queue before they wait
   int waiting_ = 0;                   // those that wait
   double waitUntil_ = Timer::kNever;  // the earliest end of those waits
+  double now_ = 0;                    // the coarse time when the latest callback ended
   bool timersLeft_ = false;           // the last turn did not get to all timers that were due
   int turnsSincePoll_ = 0;
-  double lastPoll_ = 0;
+  double lastPoll_ = 0;  // coarse
 
   int nudge_ = -1;
   bool nudged_ = false;
 
   DescriptorListener* listener_ = nullptr;
-  pthread_t host_ = 0;  // the thread of the program's own loop
+  pthread_t host_ = 0;       // the thread of the program's own loop
+  std::vector<int> untold_;  // what other threads changed
   double toldWakeUp_ = Timer::kNever;
 };
 

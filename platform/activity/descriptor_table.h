@@ -45,6 +45,7 @@ class DescriptorTable {
     bool watched = false;      // in the epoll set
     bool alwaysReady = false;  // cannot be in the epoll set
     bool closed = false;       // was found closed
+    bool refused = false;      // the system would not watch it
     bool masked = false;       // an object was left out because its callback runs
     uint32_t generation = 0;   // of its stay in the epoll set
     int walks = 0;             // how many walks go through its objects
@@ -123,7 +124,10 @@ class DescriptorTable {
   void tellKernel(Entry& entry);
   bool tryWatch(Entry& entry, uint32_t events);
   void unwatch(Entry& entry);
+  void foundClosed(Entry& entry);
+  Mask lookAgain(Entry& entry);
   void openSet();
+  void watchNudge();
   void rebuildSet();
 
   ActivityCounters& counters_;

@@ -32,9 +32,9 @@ class RYX_PRIVATE ActivityLock {
   bool heldByCaller() const { return owner_.load(std::memory_order_relaxed) == pthread_self(); }
   bool held() const { return owner_.load(std::memory_order_relaxed) != kNobody; }
 
-  // Whether a thread waits for the lock. Meaningful to its holder.
-  bool waitedFor() const {
-    return next_.load(std::memory_order_relaxed) - serving_.load(std::memory_order_relaxed) > 1;
+  // How many threads wait for the lock, asked by its holder.
+  uint32_t waiters() const {
+    return next_.load(std::memory_order_relaxed) - serving_.load(std::memory_order_relaxed) - 1;
   }
 
   // Which acquisition this is: the holder knows from an unchanged number (plus its own) that nobody

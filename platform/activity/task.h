@@ -33,8 +33,11 @@ class RYX_PRIVATE Slice {
   bool look();
 
   uint32_t items_ = 0;
-  uint32_t nextLook_ = 1;  // the clock is read at 1, 2, 4, ... items, then at every 64th
-  double end_;
+  // The clock is read at few items, mostly at every 64th. A slice of one item reads the coarse
+  // clock alone, and the time of others starts with their second item.
+  uint32_t nextLook_ = 1;
+  const double began_;  // coarse
+  double end_ = 0;
 };
 
 class RYX_PRIVATE Task {

@@ -14,12 +14,14 @@ namespace ryx::platform {
 
 class RYX_PRIVATE Clock {
  public:
+  static constexpr double kCoarseLag = 0.01;
+
   virtual ~Clock();
 
   // Monotonic time in seconds.
   virtual double now() const = 0;
 
-  // As now(), cheaper, and late by up to 10 milliseconds.
+  // As now(), cheaper, and late by up to kCoarseLag.
   virtual double coarseNow() const = 0;
 
   // Moves the time to `time` (never back) and returns true, or returns false: a clock that only

@@ -1,5 +1,7 @@
 #include "platform/qel/collection.h"
 
+#include <sys/mman.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -11,6 +13,17 @@ T* resized(T* old, size_t n) {
   void* p = std::realloc(old, n * sizeof(T));
   if (!p) throw std::bad_alloc();
   return static_cast<T*>(p);
+}
+
+// Slots are read at random: huge pages spare a million-entry table most of its TLB misses.
+uint64_t* zeroed(size_t n) {
+  constexpr size_t kHuge = size_t(2) << 20;
+  size_t bytes = n * sizeof(uint64_t);
+  void* p = bytes < kHuge ? std::malloc(bytes) : std::aligned_alloc(kHuge, bytes);
+  if (!p) throw std::bad_alloc();
+  if (bytes >= kHuge) madvise(p, bytes, MADV_HUGEPAGE);
+  std::memset(p, 0, bytes);
+  return static_cast<uint64_t*>(p);
 }
 
 }  // namespace
@@ -40,28 +53,22 @@ Entity* CollectionBase::findHashed(uint64_t hash, const void* key) const {
   if (!table_ || table_->live == 0) return nullptr;
   const Table& t = *table_;
   auto hash32 = static_cast<uint32_t>(hash >> 32);
+  uint64_t tag = slotFor(hash32, nullptr) >> 48;
   for (uint32_t at = hash32 & t.slotMask;; at = (at + 1) & t.slotMask) {
-    uint32_t slot = t.slots[at];
+    uint64_t slot = t.slots[at];
     if (slot == 0) return nullptr;
-    if (slot == kGone || t.hashes[slot - 1] != hash32) continue;
-    Entity* e = t.entries[slot - 1];
+    if (slot >> 48 != tag || slot == kGone) continue;
+    auto* e = reinterpret_cast<Entity*>(slot & 0xffffffffffffu);
     const TypeInfo& type = e->type();
     if (type.keyKind->equal(e->at(type.keyOffset), key)) return e;
   }
 }
 
-void CollectionBase::insertSlot(uint32_t hash, uint32_t place) {
+void CollectionBase::insertSlot(uint32_t hash, const Entity* e) {
   Table& t = *table_;
   uint32_t at = hash & t.slotMask;
-  while (t.slots[at] != 0 && t.slots[at] != kGone) at = (at + 1) & t.slotMask;
-  t.slots[at] = place + 1;
-}
-
-uint32_t* CollectionBase::slotOf(uint32_t hash, uint32_t place) const {
-  const Table& t = *table_;
-  uint32_t at = hash & t.slotMask;
-  while (t.slots[at] != place + 1) at = (at + 1) & t.slotMask;
-  return &t.slots[at];
+  while (t.slots[at] > kGone) at = (at + 1) & t.slotMask;
+  t.slots[at] = slotFor(hash, e);
 }
 
 // Moves the entries together, resizes, fills the slots anew; iterators keep their elements.
@@ -88,12 +95,11 @@ void CollectionBase::rebuild(uint32_t capacity) {
     t.capacity = capacity;
     t.slotMask = capacity * 2 - 1;
     std::free(t.slots);
-    t.slots = static_cast<uint32_t*>(std::calloc(capacity * 2, sizeof(uint32_t)));
-    if (!t.slots) throw std::bad_alloc();
+    t.slots = zeroed(size_t{capacity} * 2);
   } else {
-    std::memset(t.slots, 0, (size_t(t.slotMask) + 1) * sizeof(uint32_t));
+    std::memset(t.slots, 0, (size_t(t.slotMask) + 1) * sizeof(uint64_t));
   }
-  for (uint32_t i = 0; i < t.used; ++i) insertSlot(t.hashes[i], i);
+  for (uint32_t i = 0; i < t.used; ++i) insertSlot(t.hashes[i], t.entries[i]);
 }
 
 void CollectionBase::grow() {
@@ -119,7 +125,7 @@ Entity* CollectionBase::addHashed(const Ref<Entity>& child, uint64_t hash) {
   uint32_t place = t.used++;
   t.entries[place] = &e;
   t.hashes[place] = hash32;
-  insertSlot(hash32, place);
+  insertSlot(hash32, &e);
   ++t.live;
   ++e.refs;
   e.owner_ = this;
@@ -142,7 +148,11 @@ Entity* CollectionBase::addHashed(const Ref<Entity>& child, uint64_t hash) {
 void CollectionBase::takeOut(Entity& child) {
   Table& t = *table_;
   uint32_t place = child.slot_;
-  *slotOf(t.hashes[place], place) = kGone;
+  uint64_t slot = slotFor(t.hashes[place], &child);
+  uint32_t at = t.hashes[place] & t.slotMask;
+  while (t.slots[at] != slot) at = (at + 1) & t.slotMask;
+  // A gone mark is needed only where a search may have to go on.
+  t.slots[at] = t.slots[(at + 1) & t.slotMask] == 0 ? 0 : kGone;
   t.entries[place] = nullptr;
   --t.live;
   child.owner_ = nullptr;

@@ -52,19 +52,23 @@ class RYX_PRIVATE CollectionBase {
   struct Table {
     Entity** entries = nullptr;  // in order of insertion, null where one was taken out
     uint32_t* hashes = nullptr;
-    uint32_t* slots = nullptr;  // open addressing: 0 empty, kGone, or an entry's place + 1
+    uint64_t* slots = nullptr;  // open addressing: 0 empty, kGone, or 16 bits of hash and entity
     uint32_t capacity = 0;      // of entries
     uint32_t used = 0;          // entries appended, holes included
     uint32_t live = 0;
     uint32_t slotMask = 0;
     CollectionIterator* iterators = nullptr;
   };
-  static constexpr uint32_t kGone = 0xffffffffu;
+  static constexpr uint64_t kGone = 1;
+  // User addresses have 47 bits; the hash's upper bits, which do not choose the slot, fill the
+  // rest.
+  static uint64_t slotFor(uint32_t hash, const Entity* e) {
+    return uint64_t{hash >> 16} << 48 | reinterpret_cast<uintptr_t>(e);
+  }
 
   void grow();
   void rebuild(uint32_t capacity);
-  void insertSlot(uint32_t hash, uint32_t place);
-  uint32_t* slotOf(uint32_t hash, uint32_t place) const;
+  void insertSlot(uint32_t hash, const Entity* e);
   void takeOut(Entity& child);
 
   Entity* owner_ = nullptr;

@@ -2,10 +2,10 @@
 // expressions and bounds, identifiers against their names, the fixed codes and types, and the
 // order.
 #include <gtest/gtest.h>
+#include <regex.h>
 
 #include <algorithm>
 #include <random>
-#include <regex>
 #include <sstream>
 #include <unordered_set>
 #include <vector>
@@ -25,40 +25,50 @@ IntfId parsed(const std::string& name) {
   return id;
 }
 
-// The grammar once more, written differently: shapes, and the bounds of each number in them.
-
+// The grammar once more, written differently: shapes as POSIX extended regular expressions, in
+// which # is a number, and the bounds of the numbers in them.
 using Bounds = std::vector<std::pair<uint64_t, uint64_t>>;
 
-std::vector<std::pair<std::regex, Bounds>> grammarModel() {
-  std::string n = "(0|[1-9][0-9]*)";
-  std::string ports = n + "(?:/" + n + "(?:/" + n + ")?)?";
-  std::string sub = "(?:\\." + n + ")?";
-  std::vector<std::pair<std::regex, Bounds>> model;
+struct Shape {
+  regex_t expression;
+  Bounds bounds;  // of the numbers before a full stop; what follows one is 1..16777215
+};
+
+std::vector<Shape> grammarModel() {
+  std::vector<Shape> model;
   for (const auto& [pattern, bounds] : std::vector<std::pair<std::string, Bounds>>{
-           {"Ethernet" + ports + sub, {{0, 65535}, {1, 511}, {1, 255}, {1, 16777215}}},
-           {"PeerEthernet" + ports, {{0, 65535}, {1, 511}, {1, 255}}},
-           {"Port-Channel" + n + sub, {{1, 16777215}, {1, 16777215}}},
-           {"Management" + n + "(?:/" + n + ")?", {{0, 65535}, {1, 511}}},
-           {"Vlan" + n, {{1, 4094}}},
-           {"(?:Loopback|Vxlan|Tunnel|Internal)" + n, {{0, 16777215}}},
-           {"PeerPort-Channel" + n, {{1, 16777215}}},
-           {"Cpu" + n + "?", {{1, 16777215}}},
-           {"Null0", {}}}) {
-    model.emplace_back(std::regex(pattern), bounds);
+           {"Ethernet#(/#(/#)?)?(\\.#)?", {{0, 65535}, {1, 511}, {1, 255}}},
+           {"PeerEthernet#(/#(/#)?)?", {{0, 65535}, {1, 511}, {1, 255}}},
+           {"Port-Channel#(\\.#)?", {{1, 16777215}}},
+           {"Management#(/#)?", {{0, 65535}, {1, 511}}},
+           {"Vlan#", {{1, 4094}}},
+           {"(Loopback|Vxlan|Tunnel|Internal)#", {{0, 16777215}}},
+           {"PeerPort-Channel#", {{1, 16777215}}},
+           {"Cpu(#)?", {{1, 16777215}}},
+           {"Null0", {{0, 0}}}}) {
+    std::string expression = "^" + pattern + "$";
+    for (size_t at; (at = expression.find('#')) != expression.npos;) {
+      expression.replace(at, 1, "(0|[1-9][0-9]*)");
+    }
+    model.push_back({{}, bounds});
+    EXPECT_EQ(0, regcomp(&model.back().expression, expression.c_str(), REG_EXTENDED | REG_NOSUB));
   }
   return model;
 }
 
 bool modelAccepts(const std::string& name) {
-  static const auto kModel = grammarModel();
-  for (const auto& [pattern, bounds] : kModel) {
-    std::smatch match;
-    if (!std::regex_match(name, match, pattern)) continue;
-    for (size_t i = 0; i < bounds.size(); ++i) {
-      if (match[i + 1].length() == 0) continue;
-      if (match[i + 1].length() > 9) return false;
-      uint64_t number = std::stoull(match[i + 1]);
-      if (number < bounds[i].first || number > bounds[i].second) return false;
+  static const auto& kModel = *new std::vector<Shape>(grammarModel());  // kept to the end
+  for (const Shape& shape : kModel) {
+    if (regexec(&shape.expression, name.c_str(), 0, nullptr, 0) != 0) continue;
+    size_t index = 0;
+    for (size_t at = name.find_first_of("0123456789"); at != name.npos;) {
+      size_t end = std::min(name.find_first_not_of("0123456789", at), name.size());
+      if (end - at > 9) return false;
+      uint64_t number = std::stoull(name.substr(at, end - at));
+      bool sub = name[at - 1] == '.';
+      auto [min, max] = sub ? std::pair<uint64_t, uint64_t>(1, 16777215) : shape.bounds[index++];
+      if (number < min || number > max) return false;
+      at = name.find_first_of("0123456789", end);
     }
     return true;
   }

@@ -384,6 +384,8 @@ void Activity::descriptorGone(const Descriptor& descriptor) {
     if (callback->descriptor == &descriptor) callback->descriptor = nullptr;
 }
 
+std::vector<DescriptorState> Activity::descriptors() const { return descriptors_.list(); }
+
 bool Activity::descriptorEvent(int fd, DescriptorEvent event) {
   ActivityLockGuard guard(lock_);
   DescriptorTable::Entry* entry = descriptors_.find(fd);

@@ -115,7 +115,7 @@ class RYX_PRIVATE Activity {
   double nextWakeUp() const { return timers_.earliest(); }
 
   // The file descriptors that are watched, by number.
-  std::vector<DescriptorState> descriptors() const { return descriptors_.list(); }
+  std::vector<DescriptorState> descriptors() const;
 
   // Delivers an event that the program's own loop found to every object that is interested in it,
   // by their callbacks, before it returns. False when no object watches the file descriptor.

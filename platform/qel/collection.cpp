@@ -155,12 +155,17 @@ void CollectionBase::takeOut(Entity& child) {
   t.slots[at] = t.slots[(at + 1) & t.slotMask] == 0 ? 0 : kGone;
   t.entries[place] = nullptr;
   --t.live;
-  child.owner_ = nullptr;
   if (t.live == 0 && t.used > 64) {  // a table that emptied gives its memory back
     for (CollectionIterator* it = t.iterators; it; it = it->nextIterator_) it->place_ = 0;
     t.used = 0;
     rebuild(4);
   }
+}
+
+// From now on it keeps the entity that it was in: whoever hears of the deletion may ask where.
+void CollectionBase::markDead(Entity& child) {
+  child.flags |= Entity::kDead;
+  ++owner_->refs;
 }
 
 bool CollectionBase::remove(Entity& child) {
@@ -169,7 +174,7 @@ bool CollectionBase::remove(Entity& child) {
   for (const CollectionInfo& c : child.type().collections) child.collection(c).removeAll();
   takeOut(child);
   --child.refs;  // the table's; `hold` and, from now on, the journal keep it
-  child.flags |= Entity::kDead;
+  markDead(child);
   if (journal_) journal_->died(child);
   return true;
 }
@@ -183,9 +188,8 @@ void CollectionBase::removeAll() {
     for (const CollectionInfo& c : e->type().collections) e->collection(c).removeAll();
     table_->entries[i] = nullptr;
     --table_->live;
-    e->owner_ = nullptr;
     --e->refs;
-    e->flags |= Entity::kDead;
+    markDead(*e);
     if (journal_) journal_->died(*e);
   }
   for (CollectionIterator* it = table_->iterators; it; it = it->nextIterator_) it->place_ = 0;

@@ -70,6 +70,7 @@ class RYX_PRIVATE CollectionBase {
   void rebuild(uint32_t capacity);
   void insertSlot(uint32_t hash, const Entity* e);
   void takeOut(Entity& child);
+  void markDead(Entity& child);
 
   Entity* owner_ = nullptr;
   const CollectionInfo* info_ = nullptr;

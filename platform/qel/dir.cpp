@@ -28,7 +28,15 @@ Tree::Tree() : root_(::ryx::platform::make<Dir>()) {
   root_->entry.enterJournal(&root_->journal);
 }
 
-Tree::~Tree() = default;
+Tree::~Tree() {
+  // Followers may live longer than what they follow: every journal lets its own go first.
+  auto detach = [](auto& self, Entity& e) -> void {
+    if (uint16_t own = e.type().journalOffset) static_cast<Journal*>(e.at(own))->detachAll();
+    for (const CollectionInfo& c : e.type().collections)
+      for (CollectionIterator it(e.collection(c)); it; it.next()) self(self, *it.get());
+  };
+  detach(detach, *root_);
+}
 
 Entity* Tree::find(std::string_view path) {
   Entity* at = root_.get();

@@ -135,7 +135,10 @@ Journal* Entity::childJournal() {
 
 void Entity::changed(unsigned field) {
   dirty_ |= 1u << field;
-  if (owner_ && owner_->journal()) owner_->journal()->touched(*this);
+  if (uint16_t own = type().journalOffset)
+    static_cast<Journal*>(at(own))->rootTouched();
+  else if (alive() && owner_->journal())
+    owner_->journal()->touched(*this);
   if (reactors_) EntityReactor::attributeChanged(*this, field);
 }
 
@@ -201,6 +204,8 @@ void EntityOps::destroy(Entity* e) {
     e->prev->next = e->next;
     e->next->prev = e->prev;
   }
+  Ref<Entity> parent;
+  if (e->dead() && (parent = Ref<Entity>(e->parent()))) --parent->refs;
   type.destroy(e);
   type.slab.release(e);
 }

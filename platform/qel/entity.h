@@ -42,7 +42,8 @@ struct TypeInfo;
 struct JournalNode {
   static constexpr uint16_t kCursor = 0;
   static constexpr uint16_t kEnd = 1;
-  static constexpr uint16_t kFirstType = 2;
+  static constexpr uint16_t kSelf = 2;  // stands for the attributes of the journal's own root
+  static constexpr uint16_t kFirstType = 3;
 
   JournalNode* prev = nullptr;
   JournalNode* next = nullptr;
@@ -210,8 +211,9 @@ class RYX_PRIVATE Entity : public JournalNode {
 
   const TypeInfo& type() const { return TypeInfo::byId(typeId); }
   // It stands in a tree. False of a working copy and of what was deleted.
-  bool alive() const { return owner_ != nullptr; }
+  bool alive() const { return owner_ != nullptr && !dead(); }
   bool dead() const { return flags & kDead; }
+  // The collection it is in; of a dead one, the one that it was in (whose entity it keeps).
   CollectionBase* owner() const { return owner_; }
   Entity* parent() const;
   // Tells apart two entities that had one key after each other.
@@ -243,7 +245,7 @@ class RYX_PRIVATE Entity : public JournalNode {
   // An attribute was written: journal and reactors hear of it.
   void changed(unsigned field);
   // Whether whoever writes now may write here; false is traced and counted.
-  bool mayChange() { return !owner_ || admitted(); }
+  bool mayChange() { return !alive() || admitted(); }
 
  protected:
   Entity() = default;

@@ -16,7 +16,7 @@ void linkBefore(JournalNode& n, JournalNode& before) {
   before.prev = &n;
 }
 
-bool isEntity(const JournalNode* n) {
+bool isItem(const JournalNode* n) {
   return n->typeId >= JournalNode::kFirstType;
 }
 
@@ -27,10 +27,16 @@ bool isEntity(const JournalNode* n) {
 Journal::Journal() {
   end_.typeId = JournalNode::kEnd;
   end_.prev = end_.next = &end_;
+  self_.typeId = JournalNode::kSelf;
+}
+
+void Journal::detachAll() {
+  while (oldest_) oldest_->detach();
 }
 
 Journal::~Journal() {
-  while (oldest_) oldest_->detach();
+  detachAll();
+  if (self_.prev) unlink(self_);
   for (JournalNode* n = end_.next; n != &end_;) {
     JournalNode* following = n->next;
     auto& e = static_cast<Entity&>(*n);
@@ -48,7 +54,7 @@ void Journal::bind(StoreClock* clock, Entity* root) {
   root_ = root;
 }
 
-void Journal::append(Entity& e) {
+void Journal::append(JournalNode& e) {
   if (e.prev) unlink(e);
   e.version = ++clock_->version;
   // Cursors that stand at the end are at the tail of the list, behind every entity.
@@ -63,6 +69,10 @@ void Journal::append(Entity& e) {
 
 void Journal::touched(Entity& e) {
   append(e);
+}
+
+void Journal::rootTouched() {
+  if (clock_) append(self_);
 }
 
 void Journal::died(Entity& e) {
@@ -94,8 +104,8 @@ void Journal::sweep() {
   if (tombstones_ == 0) return;
   for (JournalNode* n = end_.next; n != &end_ && n->typeId != JournalNode::kCursor;) {
     JournalNode* following = n->next;
-    auto& e = static_cast<Entity&>(*n);
-    if (e.dead()) dropTombstone(e);
+    if (n->typeId != JournalNode::kSelf)
+      if (auto& e = static_cast<Entity&>(*n); e.dead()) dropTombstone(e);
     n = following;
   }
 }
@@ -117,8 +127,9 @@ void Journal::boundTombstones() {
     JournalNode* following = n->next;
     if (n->typeId == JournalNode::kCursor) {
       rememberers |= static_cast<Cursor*>(n)->remembers_;
-    } else if (auto& e = static_cast<Entity&>(*n); e.dead() && (e.seen == 0 || !rememberers)) {
-      dropTombstone(e);
+    } else if (n->typeId != JournalNode::kSelf) {
+      auto& e = static_cast<Entity&>(*n);
+      if (e.dead() && (e.seen == 0 || !rememberers)) dropTombstone(e);
     }
     n = following;
   }
@@ -176,7 +187,7 @@ void Cursor::detach() {
 bool Cursor::atEnd() const {
   const JournalNode* n = JournalNode::next;
   while (n->typeId == kCursor) n = n->next;
-  return !isEntity(n);
+  return !isItem(n);
 }
 
 // `other` is the next cursor behind this one in the order of age: they change places.
@@ -209,7 +220,7 @@ Ref<Entity> Cursor::next() {
     passCursor(static_cast<Cursor*>(n));
     n = n->next;
   }
-  if (!isEntity(n)) {
+  if (!isItem(n)) {
     if (n != JournalNode::next) {
       unlink(*this);
       linkBefore(*this, *n);
@@ -220,6 +231,7 @@ Ref<Entity> Cursor::next() {
   unlink(*this);
   linkBefore(*this, *n->next);
   version = n->version;
+  if (n->typeId == kSelf) return Ref<Entity>(journal_->root_);
   auto& e = static_cast<Entity&>(*n);
   Ref<Entity> found(&e);
   if (e.dead() && journal_->oldest_ == this) journal_->dropTombstone(e);

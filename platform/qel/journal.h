@@ -51,12 +51,16 @@ class Journal {
 
   // `root` is the entity whose children it enters; it keeps the journal alive.
   RYX_PRIVATE void bind(StoreClock* clock, Entity* root);
+  // Lets all its followers go: its tree ends.
+  RYX_PRIVATE void detachAll();
   StoreClock* clock() const { return clock_; }
   Entity* root() const { return root_; }
   uint32_t tombstones() const { return tombstones_; }
   uint64_t overruns() const { return overruns_; }
 
   RYX_PRIVATE void touched(Entity& e);
+  // An attribute of the root itself was written. Its creation and deletion are its directory's.
+  RYX_PRIVATE void rootTouched();
   RYX_PRIVATE void died(Entity& e);
   // Whether the present writer may write `e` here, below `parent`. What holds for all of the
   // journal is judged once a writer, then remembered.
@@ -70,7 +74,7 @@ class Journal {
  private:
   friend class Cursor;
   friend class JournalReactor;
-  void append(Entity& e);
+  void append(JournalNode& e);
   RYX_PRIVATE bool judge(const Entity& e, const Entity* parent);
   void dropTombstone(Entity& e);
   // Frees the tombstones that no cursor is before.
@@ -78,6 +82,7 @@ class Journal {
   void boundTombstones();
 
   JournalNode end_;
+  JournalNode self_;
   StoreClock* clock_ = nullptr;
   Writer* admitted_ = nullptr;
   Entity* root_ = nullptr;

@@ -11,9 +11,9 @@
 //     static constexpr auto members() { return described(member("hop", &Via::hop), ...); }
 //   };
 //
-// so nested keys, sets of vias and maps of lists need nothing special. A type whose bytes are its value
-// (an address) is trivially copyable and has toString(); with isValid(), what comes from outside is
-// checked by it.
+// so nested keys, sets of vias and maps of lists need nothing special. A type whose bytes are its
+// value (an address) is trivially copyable and has toString(); with isValid(), what comes from
+// outside is checked by it.
 #pragma once
 
 #include <concepts>

@@ -81,6 +81,7 @@ class JournalReactor::Follow final : public Cursor {
   }
   void start(Journal& journal) { attachAtHead(journal, bit_ != 0); }
   bool deep() const { return deep_; }
+  const Entity* root() const { return root_.get(); }
   bool queued = false;
   Ref<Entity> deadRoot;  // its journal's root, deleted, to be told when all that died in it was
 
@@ -160,6 +161,10 @@ bool JournalReactor::run(Slice& slice) {
 }
 
 void JournalReactor::report(Follow& f, Entity& e) {
+  if (&e == f.root()) {
+    onRootChanged(e);
+    return;
+  }
   bool known = f.learn(e);
   if (e.dead() && !known) return;
   if (f.deep() && e.type().journalOffset != 0) {

@@ -58,6 +58,8 @@ class RYX_PRIVATE JournalReactor : public Task {
  protected:
   explicit JournalReactor(const char* name, Order order = Order::normal);
   virtual void onEntity(Entity& entity, Change change) = 0;
+  // Attributes of a followed journal's own root were written.
+  virtual void onRootChanged(Entity&) {}
   bool run(Slice& slice) final;
 
  private:

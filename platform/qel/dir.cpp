@@ -36,6 +36,7 @@ Tree::~Tree() {
       for (CollectionIterator it(e.collection(c)); it; it.next()) self(self, *it.get());
   };
   detach(detach, *root_);
+  clock_.openGate();
 }
 
 Entity* Tree::find(std::string_view path) {

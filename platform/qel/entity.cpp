@@ -134,7 +134,8 @@ Journal* Entity::childJournal() {
 }
 
 void Entity::changed(unsigned field) {
-  dirty_ |= 1u << field;
+  Journal* journal = childJournal();
+  if (!journal || !journal->clock() || !journal->clock()->origins) dirty_ |= 1u << field;
   if (uint16_t own = type().journalOffset)
     static_cast<Journal*>(at(own))->rootTouched();
   else if (alive() && owner_->journal())

@@ -68,11 +68,22 @@ void Journal::append(JournalNode& e) {
 }
 
 void Journal::touched(Entity& e) {
+  if (clock_->origins) noteOrigin(e, e.version);
   append(e);
 }
 
 void Journal::rootTouched() {
-  if (clock_) append(self_);
+  if (!clock_) return;
+  if (clock_->origins) noteOrigin(*root_, self_.version);
+  append(self_);
+}
+
+// A change by the connection that made the last one too, or that has been sent the last one, is
+// nothing new to it. Whatever else it is, everyone has to be told.
+void Journal::noteOrigin(Entity& e, uint64_t before) {
+  uint32_t who = clock_->origin;
+  bool nothingNew = before == 0 || e.dirty() == who || clock_->origins->caughtUp(*this, before);
+  e.dirtyIs(nothingNew ? who : 0);
 }
 
 void Journal::died(Entity& e) {
@@ -215,6 +226,7 @@ void Cursor::moveToHead() {
 }
 
 Ref<Entity> Cursor::next() {
+  if (!journal_) return {};
   JournalNode* n = JournalNode::next;
   while (n->typeId == kCursor) {
     passCursor(static_cast<Cursor*>(n));

@@ -32,11 +32,27 @@ class Writer {
   virtual Admission admits(const Journal& journal, const Entity& entity, const Entity* parent) = 0;
 };
 
+// Where state came from, for a hub that must not send a client's own writes back to it.
+class Origins {
+ public:
+  virtual ~Origins() = default;
+  // The connection whose bytes are being applied has been sent all of this journal up to `version`.
+  virtual bool caughtUp(const Journal& journal, uint64_t version) = 0;
+};
+
+class Reactor;
+
 // What the journals of one tree share.
 struct StoreClock {
   uint64_t version = 0;
-  Writer* writer = nullptr;  // null: the store's own side, which may do everything
-  uint16_t writerId = 0;     // for echoes: the connection whose bytes are being applied, 0 for none
+  Writer* writer = nullptr;    // null: the store's own side, which may do everything
+  Origins* origins = nullptr;  // set at a hub: an entity's dirty() then says who wrote it
+  uint32_t origin = 0;         // the connection whose bytes are being applied, 0 for none
+  // State that stands between two cuts is applied, but no reactor sees it: those that were to run
+  // wait here until the gate opens.
+  bool gated = false;
+  std::vector<Reactor*> parked;
+  RYX_PRIVATE void openGate();
 };
 
 class Journal {
@@ -75,6 +91,7 @@ class Journal {
   friend class Cursor;
   friend class JournalReactor;
   void append(JournalNode& e);
+  void noteOrigin(Entity& e, uint64_t before);
   RYX_PRIVATE bool judge(const Entity& e, const Entity* parent);
   void dropTombstone(Entity& e);
   // Frees the tombstones that no cursor is before.

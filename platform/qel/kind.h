@@ -277,8 +277,12 @@ void encodeValue(Encoder& e, const T& v) {
   } else if constexpr (std::is_same_v<T, Name>) {
     e.text(v.view());
   } else if constexpr (OpaqueBytes<T>) {
-    e.varint(sizeof v);
-    e.raw(&v, sizeof v);
+    // Zeros at the end are not sent: an IPv4 address takes five bytes of seventeen.
+    auto* bytes = reinterpret_cast<const char*>(&v);
+    size_t n = sizeof v;
+    while (n != 0 && bytes[n - 1] == 0) --n;
+    e.varint(n);
+    e.raw(bytes, n);
   } else {
     size_t mark = e.beginLength();
     if constexpr (Described<T>) {
@@ -332,7 +336,11 @@ bool decodeValue(Decoder& d, T& v) {
   } else if constexpr (std::is_same_v<T, Name>) {
     v = Name(d.text());
   } else if constexpr (OpaqueBytes<T>) {
-    if (d.varint() != sizeof v || !d.raw(&v, sizeof v)) return d.fail(), false;
+    std::string_view bytes = d.text();
+    if (bytes.size() > sizeof v) return d.fail(), false;
+    char image[sizeof v] = {};
+    std::memcpy(image, bytes.data(), bytes.size());
+    std::memcpy(static_cast<void*>(&v), image, sizeof v);
     if constexpr (requires { v.isValid(); })
       if (!(v == T()) && !v.isValid()) d.fail();
   } else {

@@ -4,6 +4,29 @@
 
 namespace ryx::platform {
 
+void StoreClock::openGate() {
+  gated = false;
+  for (Reactor* r : std::exchange(parked, {})) {
+    r->parkedAt_ = nullptr;
+    r->wake();
+  }
+}
+
+// --- Reactor ------------------------------------------------------------------------------------
+
+Reactor::~Reactor() {
+  if (parkedAt_) std::erase(parkedAt_->parked, this);
+}
+
+bool Reactor::parkedAt(StoreClock* clock) {
+  if (parkedAt_) std::erase(parkedAt_->parked, this);
+  parkedAt_ = nullptr;
+  if (!clock || !clock->gated) return false;
+  parkedAt_ = clock;
+  clock->parked.push_back(this);
+  return true;
+}
+
 // --- EntityReactor ------------------------------------------------------------------------------
 
 EntityReactor::~EntityReactor() {
@@ -38,6 +61,8 @@ void EntityReactor::attributeChanged(Entity& entity, unsigned field) {
 }
 
 bool EntityReactor::run(Slice&) {
+  Journal* journal = entity_ ? entity_->childJournal() : nullptr;
+  if (parkedAt(journal ? journal->clock() : nullptr)) return false;
   uint32_t pending = std::exchange(pending_, 0);
   if (pending != 0) onAttributes(pending);
   return false;
@@ -102,7 +127,7 @@ class JournalReactor::Follow final : public Cursor {
   std::unordered_set<const Entity*> set_;
 };
 
-JournalReactor::JournalReactor(const char* name, Order order) : Task(name, order) {}
+JournalReactor::JournalReactor(const char* name, Order order) : Reactor(name, order) {}
 
 JournalReactor::~JournalReactor() {
   if (destroyed_) *destroyed_ = true;
@@ -124,6 +149,8 @@ void JournalReactor::unfollow(Journal& journal) {
 }
 
 bool JournalReactor::run(Slice& slice) {
+  Journal* journal = active_.empty() ? nullptr : active_.back()->journal();
+  if (parkedAt(journal ? journal->clock() : nullptr)) return false;
   bool destroyed = false;
   bool* outer = std::exchange(destroyed_, &destroyed);
   // On every way out: the flag of an outer run of this reactor is put back, and told; what an

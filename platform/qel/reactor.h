@@ -19,7 +19,22 @@
 
 namespace ryx::platform {
 
-class RYX_PRIVATE EntityReactor : public Task {
+// What both kinds of reactors share: while the tree that one follows is between two cuts it waits.
+class RYX_PRIVATE Reactor : public Task {
+ public:
+  ~Reactor() override;
+
+ protected:
+  using Task::Task;
+  // True when it has to wait; it is woken again when the gate opens.
+  bool parkedAt(StoreClock* clock);
+
+ private:
+  friend struct StoreClock;
+  StoreClock* parkedAt_ = nullptr;
+};
+
+class RYX_PRIVATE EntityReactor : public Reactor {
  public:
   ~EntityReactor() override;
 
@@ -29,7 +44,7 @@ class RYX_PRIVATE EntityReactor : public Task {
   void unfollow();
 
  protected:
-  explicit EntityReactor(const char* name, Order order = Order::normal) : Task(name, order) {}
+  explicit EntityReactor(const char* name, Order order = Order::normal) : Reactor(name, order) {}
   // `attributes`: those of its interest that were written since the last call.
   virtual void onAttributes(uint32_t attributes) = 0;
   bool run(Slice& slice) final;
@@ -46,7 +61,7 @@ class RYX_PRIVATE EntityReactor : public Task {
 
 enum class Change : uint8_t { created, changed, deleted };
 
-class RYX_PRIVATE JournalReactor : public Task {
+class RYX_PRIVATE JournalReactor : public Reactor {
  public:
   ~JournalReactor() override;
 

@@ -121,7 +121,7 @@ bool ip_prefix_t::operator<(const ip_prefix_t& other) const {
 }
 
 std::size_t ip_prefix_t::hash() const {
-  return platform::mix64(address_.hash(), prefix_length_);
+  return platform::hashNumber(address_.hash() ^ prefix_length_);
 }
 
 std::string ip_prefix_t::to_string() const {
@@ -145,7 +145,7 @@ bool ip_addr_mask_t::operator<(const ip_addr_mask_t& other) const {
 }
 
 std::size_t ip_addr_mask_t::hash() const {
-  return platform::mix64(address_.hash(), mask_length_);
+  return platform::hashNumber(address_.hash() ^ mask_length_);
 }
 
 std::string ip_addr_mask_t::to_string() const {

@@ -35,7 +35,7 @@
 #include <string_view>
 
 #include "platform/base/api.h"
-#include "platform/types/bits.h"
+#include "platform/qel/hash.h"
 
 namespace ryx::platform {
 
@@ -113,7 +113,7 @@ class RYX_PRIVATE IntfId {
   char* print(char* out) const;
   std::string toString() const;
 
-  uint64_t hash() const { return mix64(value_, 0); }
+  uint64_t hash() const { return hashNumber(value_); }
 
   friend constexpr bool operator==(const IntfId&, const IntfId&) = default;
   friend constexpr std::strong_ordering operator<=>(const IntfId&, const IntfId&) = default;

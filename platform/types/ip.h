@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "platform/base/api.h"
+#include "platform/qel/hash.h"
 #include "platform/types/bits.h"
 
 namespace ryx::platform {
@@ -76,7 +77,10 @@ class RYX_PRIVATE IpAddr {
   char* print(char* out) const;
   std::string toString() const;
 
-  uint64_t hash() const { return mix64(high() ^ static_cast<uint64_t>(af_), low()); }
+  // The low half meets a mixed high half: whoever chooses both still meets the seed.
+  uint64_t hash() const {
+    return hashNumber(hashNumber(high() ^ static_cast<uint64_t>(af_)) ^ low());
+  }
 
   friend bool operator==(const IpAddr& a, const IpAddr& b) {
     return a.af_ == b.af_ && a.high() == b.high() && a.low() == b.low();
@@ -125,7 +129,7 @@ class RYX_PRIVATE IpPrefix {
   char* print(char* out) const;
   std::string toString() const;
 
-  uint64_t hash() const { return mix64(addr_.hash(), length_); }
+  uint64_t hash() const { return hashNumber(addr_.hash() ^ length_); }
 
   friend bool operator==(const IpPrefix&, const IpPrefix&) = default;
   // By address, then length: a network comes right before the networks that it holds.
@@ -161,7 +165,7 @@ class RYX_PRIVATE IpAddrMask {
   char* print(char* out) const;
   std::string toString() const;
 
-  uint64_t hash() const { return mix64(addr_.hash(), length_); }
+  uint64_t hash() const { return hashNumber(addr_.hash() ^ length_); }
 
   friend bool operator==(const IpAddrMask&, const IpAddrMask&) = default;
   friend std::strong_ordering operator<=>(const IpAddrMask&, const IpAddrMask&) = default;

@@ -87,6 +87,7 @@ void Journal::noteOrigin(Entity& e, uint64_t before) {
 }
 
 void Journal::died(Entity& e) {
+  if (clock_->origins) e.dirtyIs(clock_->origin);
   bool wanted = oldest_ && (remoteCursors_ != 0 || e.seen != 0);
   if (!wanted) {
     if (e.prev) unlink(e);

@@ -1,0 +1,282 @@
+#include "platform/statehub/applier.h"
+
+namespace ryx::platform {
+
+bool Applier::frame(std::string_view payload) {
+  Decoder d(payload);
+  while (!d.done()) {
+    auto code = static_cast<Op>(d.u8());
+    if (!op(code, d)) return broken("operation " + std::to_string(static_cast<int>(code)));
+    if (d.failed())
+      return broken("operation " + std::to_string(static_cast<int>(code)) + " is cut short");
+  }
+  return !d.failed();
+}
+
+void Applier::reset() {
+  types_.clear();
+  peerOf_.clear();
+  numbers_.clear();
+  error_.clear();
+}
+
+bool Applier::op(Op code, Decoder& d) {
+  switch (code) {
+    case Op::type:
+      return declareType(d);
+    case Op::item:
+      return item(d);
+    case Op::remove:
+      return removal(d);
+    case Op::root:
+      return rootFields(d);
+    case Op::compare:
+      if (Entity* e = numbered(d.varint())) markStale(*e);
+      return true;
+    case Op::sweep:
+      if (Entity* e = numbered(d.varint())) sweepStale(*e);
+      return true;
+    case Op::forget:
+      if (uint64_t handle = d.varint(); handle < numbers_.size()) numbers_[handle] = nullptr;
+      return true;
+    default:
+      return control(code, d);
+  }
+}
+
+bool Applier::numberIs(uint64_t handle, Entity* e) {
+  if (handle == 0 || handle >= kMaxHandles) return broken("a container's number is out of range");
+  if (handle >= numbers_.size()) {
+    if (handle > numbers_.size() + 65536) return broken("a container's number is far ahead");
+    numbers_.resize(handle + 1);
+  }
+  numbers_[handle] = Ref<Entity>(e);
+  return true;
+}
+
+Entity* Applier::numbered(uint64_t handle) const {
+  return handle < numbers_.size() ? numbers_[handle].get() : nullptr;
+}
+
+bool Applier::declareType(Decoder& d) {
+  uint64_t id = d.varint();
+  if (id >= kMaxTypes) return broken("a type's number is out of range");
+  PeerType t;
+  std::string_view name = d.text();
+  auto keyWire = static_cast<Wire>(d.u8());
+  t.keyWire = keyWire == Wire::varint ? Wire::varint : Wire::bytes;
+  t.mine = TypeInfo::named(name);
+  if (t.mine && t.mine->keyKind && t.mine->keyKind->wire != keyWire) t.mine = nullptr;
+  uint64_t count = d.varint();
+  if (count > Entity::kMaxFields) return broken("a type with too many attributes");
+  for (uint64_t i = 0; i < count && !d.failed(); ++i) {
+    std::string_view field = d.text();
+    std::string_view kind = d.text();
+    auto wire = static_cast<Wire>(d.u8());
+    const FieldInfo* mine = t.mine ? t.mine->field(field) : nullptr;
+    bool same =
+        mine && mine->kind->wire == wire && kind == mine->kind->name && !(mine->marks & kLocal);
+    t.fields.push_back(same ? mine : nullptr);
+  }
+  count = d.varint();
+  if (count > 255) return broken("a type with too many collections");
+  for (uint64_t i = 0; i < count && !d.failed(); ++i) {
+    std::string_view collection = d.text();
+    const CollectionInfo* mine = nullptr;
+    if (t.mine)
+      for (const CollectionInfo& c : t.mine->collections)
+        if (collection == c.name && !(c.marks & kLocal)) mine = &c;
+    t.collections.push_back(mine);
+  }
+  if (d.failed()) return false;
+  if (t.mine) t.scratch = EntityOps::make(*t.mine);
+  if (id >= types_.size()) types_.resize(id + 1);
+  if (t.mine) {
+    if (t.mine->id >= peerOf_.size()) peerOf_.resize(t.mine->id + 1u);
+    peerOf_[t.mine->id] = static_cast<uint16_t>(id + 1);
+  }
+  types_[id] = std::move(t);
+  return true;
+}
+
+bool Applier::place(Decoder& d, Item* item, uint64_t* handle, PeerType** type, bool* skip,
+                    bool withHandle) {
+  item->flags = d.u8();
+  uint64_t containerNumber = d.varint();
+  uint8_t collectionIndex = d.u8();
+  PeerType* t = *type = peerType(d.varint());
+  *handle = withHandle && (item->flags & kItemHandle) ? d.varint() : 0;
+  item->generation = d.varint();
+  if (d.failed() || !t) return broken("an item of a type that was not declared");
+  *skip = true;
+  if (!t->mine) {
+    ++unknown_;
+    kinds::skipValue(d, t->keyWire);
+    return true;
+  }
+  item->type = t->mine;
+  item->key = t->scratch->keyData();
+  if (!t->mine->keyKind || !t->mine->keyKind->decode(d, t->scratch->at(t->mine->keyOffset)))
+    return broken("an item's key is malformed");
+
+  // A container may be gone here already, or be of a type that is not known here.
+  Entity* container = item->container = numbered(containerNumber);
+  if (!container || !container->childJournal()) return true;
+  const TypeInfo& containerType = container->type();
+  // The sender's index of the collection, through its own declaration of the container's type.
+  const CollectionInfo* info = nullptr;
+  if (PeerType* p = declared(containerType)) {
+    if (collectionIndex < p->collections.size()) info = p->collections[collectionIndex];
+  } else if (collectionIndex < containerType.collections.size())
+    info = &containerType.collections[collectionIndex];
+  if (!info) return ++unknown_, true;
+  bool fits = info->child ? item->type->is(info->child())
+                          : item->type->keyKind == &kindOf<Name>() ||
+                                std::string_view(item->type->keyKind->name) == "text";
+  if (!fits) return broken("an item of type " + item->type->name + " in a collection of another");
+  item->collection = &container->collection(*info);
+  item->hash = item->type->keyKind->hash(item->key);
+  *skip = false;
+  return true;
+}
+
+bool Applier::skipFields(Decoder& d) {
+  for (uint64_t tag = d.varint(); tag != 0 && !d.failed(); tag = d.varint())
+    kinds::skipValue(d, static_cast<Wire>(tag & 1));
+  return !d.failed();
+}
+
+// `fresh`: `to` stands in no tree yet, so its attributes are simply set. False: malformed.
+bool Applier::fields(Decoder& d, PeerType& type, Entity& to, const Item& item, uint32_t keep,
+                     bool fresh) {
+  uint32_t present = 0;
+  bool whole = item.flags & kItemWhole;
+  bool mayWrite = true;
+  for (uint64_t tag = d.varint(); tag != 0; tag = d.varint()) {
+    if (d.failed()) return false;
+    uint64_t index = (tag >> 1) - 1;
+    const FieldInfo* f = index < type.fields.size() ? type.fields[index] : nullptr;
+    if (!f || static_cast<uint64_t>(f->kind->wire) != (tag & 1)) {
+      ++unknown_;
+      kinds::skipValue(d, static_cast<Wire>(tag & 1));
+      continue;
+    }
+    present |= 1u << f->index;
+    if (fresh) {
+      if (!f->kind->decode(d, to.at(f->offset))) return false;
+      continue;
+    }
+    void* value = type.scratch->at(f->offset);
+    if (!f->kind->decode(d, value)) return false;
+    if ((keep >> f->index & 1) || (f->marks & kConstructor) ||
+        f->kind->equal(to.at(f->offset), value))
+      continue;
+    if (!mayWrite || !to.mayChange()) {
+      mayWrite = false;
+      continue;
+    }
+    f->kind->assign(to.at(f->offset), value);
+    to.changed(f->index);
+  }
+  if (d.failed()) return false;
+  if (!fresh && whole)
+    for (const FieldInfo& f : to.type().fields) {
+      if ((present >> f.index & 1) || (keep >> f.index & 1) ||
+          (f.marks & (kConstructor | kLocal)) || f.kind->isDefault(to.at(f.offset)))
+        continue;
+      if (!mayWrite || !to.mayChange()) {
+        mayWrite = false;
+        break;
+      }
+      f.kind->reset(to.at(f.offset));
+      to.changed(f.index);
+    }
+  if (!mayWrite) ++refusals_;
+  return true;
+}
+
+bool Applier::item(Decoder& d) {
+  Item item{};
+  uint64_t handle = 0;
+  PeerType* type = nullptr;
+  bool skip = false;
+  if (!place(d, &item, &handle, &type, &skip, true)) return false;
+  ++items_;
+  if (skip) return skipFields(d);
+
+  Entity* there = item.collection->findHashed(item.hash, item.key);
+  Verdict verdict = judge(item, there);
+  Entity* target = verdict.target;
+  if (verdict.skip) {
+    if (there) there->flags &= static_cast<uint8_t>(~kStale);
+    if (!skipFields(d)) return false;
+  } else if (target) {
+    if (&target->type() != item.type) return broken("an item changes its type");
+    uint64_t refusals = refusals_;
+    if (!fields(d, *type, *target, item, verdict.keep, false)) return false;
+    target->flags &= static_cast<uint8_t>(~kStale);
+    applied(*target, item, false);
+    if (refusals_ != refusals) refused(item, target, false);
+  } else {
+    Ref<Entity> made = EntityOps::make(*item.type);
+    item.type->keyKind->assign(made->at(item.type->keyOffset), item.key);
+    if (!fields(d, *type, *made, item, 0, true)) return false;
+    target = item.collection->addHashed(made, item.hash);
+    if (target) {
+      applied(*target, item, true);
+    } else {
+      ++refusals_;
+      refused(item, nullptr, false);
+    }
+  }
+  if (handle != 0) return numberIs(handle, target ? target : there);
+  return true;
+}
+
+bool Applier::removal(Decoder& d) {
+  Item item{};
+  uint64_t handle = 0;
+  PeerType* type = nullptr;
+  bool skip = false;
+  if (!place(d, &item, &handle, &type, &skip, false)) return false;
+  ++items_;
+  if (!skip) remove(item, item.collection->findHashed(item.hash, item.key));
+  return true;
+}
+
+bool Applier::rootFields(Decoder& d) {
+  Item item{};
+  item.flags = d.u8();
+  Entity* root = numbered(d.varint());
+  PeerType* type = root ? declared(root->type()) : nullptr;
+  if (!type || root->dead()) return skipFields(d);
+  uint32_t dirty = root->dirty();
+  uint64_t refusals = refusals_;
+  if (!fields(d, *type, *root, item, rootKeep(*root), false)) return false;
+  if (refusals_ != refusals) rootRefused(*root);
+  rootApplied(*root, dirty);
+  return true;
+}
+
+void Applier::markStale(Entity& e) {
+  for (const CollectionInfo& c : e.type().collections)
+    for (CollectionIterator it(e.collection(c)); it; it.next()) {
+      Entity& child = *it.get();
+      if (!sweepable(child)) continue;
+      child.flags |= kStale;
+      if (child.type().journalOffset == 0) markStale(child);
+    }
+}
+
+void Applier::sweepStale(Entity& e) {
+  for (const CollectionInfo& c : e.type().collections)
+    for (CollectionIterator it(e.collection(c)); it; it.next()) {
+      Entity& child = *it.get();
+      if (child.flags & kStale)
+        sweep(child);
+      else if (child.type().journalOffset == 0)
+        sweepStale(child);
+    }
+}
+
+}  // namespace ryx::platform

@@ -1,0 +1,145 @@
+#include "platform/statehub/connection.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/activity/descriptor.h"
+#include "platform/statehub/wire.h"
+
+namespace ryx::platform {
+namespace {
+
+constexpr size_t kReadBytes = 256 * 1024;  // at most so much is read in one callback
+
+}  // namespace
+
+class Connection::Socket final : public Descriptor {
+ public:
+  Socket(int fd, Peer& peer) : Descriptor(fd, "StatehubConnection"), peer_(peer) {
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    readableInterestIs(true);
+  }
+  ~Socket() override {
+    if (destroyed_) *destroyed_ = true;
+    shut();
+  }
+
+  bool open() const { return open_; }
+  size_t unsent() const { return out_.size() - sent_; }
+  uint64_t bytesSent() const { return bytesSent_; }
+
+  void send(std::string_view payload) {
+    if (!open_) return;
+    auto n = static_cast<uint32_t>(payload.size());
+    char length[4] = {static_cast<char>(n), static_cast<char>(n >> 8), static_cast<char>(n >> 16),
+                      static_cast<char>(n >> 24)};
+    out_.append(length, sizeof length);
+    out_.append(payload);
+    flush();
+  }
+
+  void shut() {
+    if (!open_) return;
+    open_ = false;
+    readableInterestIs(false);
+    writableInterestIs(false);
+    ::close(fd());
+  }
+
+ private:
+  void onReadable() override {
+    bool destroyed = false;
+    destroyed_ = &destroyed;
+    bool alive = readAll(destroyed);
+    if (destroyed) return;
+    destroyed_ = nullptr;
+    if (!alive) {
+      shut();
+      peer_.onClosed();
+    }
+  }
+
+  bool readAll(const bool& destroyed) {
+    size_t had = in_.size();
+    in_.resize(had + kReadBytes);
+    ssize_t n = ::recv(fd(), in_.data() + had, kReadBytes, 0);
+    in_.resize(had + (n > 0 ? static_cast<size_t>(n) : 0));
+    if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) return false;
+    std::string_view rest = in_;
+    while (rest.size() >= 4) {
+      uint32_t length = 0;
+      for (int i = 0; i < 4; ++i)
+        length |= uint32_t{static_cast<uint8_t>(rest[static_cast<size_t>(i)])} << (8 * i);
+      if (length > kMaxFrame) return false;
+      if (rest.size() < 4 + size_t{length}) break;
+      bool good = peer_.onFrame(rest.substr(4, length));
+      if (destroyed) return true;
+      if (!good || !open_) return false;
+      rest.remove_prefix(4 + size_t{length});
+    }
+    in_.erase(0, in_.size() - rest.size());
+    peer_.onFramesDone();
+    return true;
+  }
+
+  void onWritable() override {
+    flush();
+    if (open_ && unsent() < kSendAhead) peer_.onWritable();
+  }
+
+  // What the socket takes now. A broken pipe is found by the reading side.
+  void flush() {
+    while (sent_ < out_.size()) {
+      ssize_t n = ::send(fd(), out_.data() + sent_, out_.size() - sent_, MSG_NOSIGNAL);
+      if (n <= 0) {
+        if (n < 0 && errno == EINTR) continue;
+        break;
+      }
+      sent_ += static_cast<size_t>(n);
+      bytesSent_ += static_cast<uint64_t>(n);
+    }
+    if (sent_ == out_.size()) {
+      out_.clear();
+      sent_ = 0;
+    } else if (sent_ > kMaxFrame) {
+      out_.erase(0, sent_);
+      sent_ = 0;
+    }
+    writableInterestIs(!out_.empty());
+  }
+
+  Peer& peer_;
+  bool open_ = true;
+  bool* destroyed_ = nullptr;
+  std::string in_;
+  std::string out_;
+  size_t sent_ = 0;
+  uint64_t bytesSent_ = 0;
+};
+
+Connection::Connection(int fd, Peer& peer) : socket_(std::make_unique<Socket>(fd, peer)) {}
+Connection::~Connection() = default;
+bool Connection::open() const {
+  return socket_->open();
+}
+int Connection::fd() const {
+  return socket_->fd();
+}
+void Connection::send(std::string_view payload) {
+  socket_->send(payload);
+}
+size_t Connection::unsent() const {
+  return socket_->unsent();
+}
+uint64_t Connection::bytesSent() const {
+  return socket_->bytesSent();
+}
+void Connection::close() {
+  socket_->shut();
+}
+
+}  // namespace ryx::platform

@@ -1,0 +1,45 @@
+// A framed byte stream over a connected stream socket, driven by the loop. It owns the descriptor.
+// Nothing here knows what is in a frame. All on the loop's side of the activity lock.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/base/api.h"
+
+namespace ryx::platform {
+
+class RYX_PRIVATE Connection {
+ public:
+  // Whom it serves. Each may destroy the connection.
+  class Peer {
+   public:
+    virtual ~Peer() = default;
+    // One frame's payload. False: the peer broke the protocol; the connection is closed then.
+    virtual bool onFrame(std::string_view payload) = 0;
+    // All frames that had arrived were handed over.
+    virtual void onFramesDone() {}
+    // There is room for more to send.
+    virtual void onWritable() = 0;
+    // It is gone, by either side's doing; nothing is called any more.
+    virtual void onClosed() = 0;
+  };
+
+  Connection(int fd, Peer& peer);
+  ~Connection();
+
+  bool open() const;
+  int fd() const;
+  // Frames of `payload` (each at most kMaxFrame) for sending; what the socket takes goes at once.
+  void send(std::string_view payload);
+  size_t unsent() const;
+  uint64_t bytesSent() const;
+  void close();
+
+ private:
+  class Socket;
+  std::unique_ptr<Socket> socket_;
+};
+
+}  // namespace ryx::platform

@@ -367,8 +367,9 @@ void encodeValue(Encoder& e, const T& v) {
   } else if constexpr (BoundedText<T>) {
     e.text(v.bytes());
   } else if constexpr (OpaqueBytes<T>) {
-    e.varint(sizeof v);
-    e.raw(&v, sizeof v);
+    // Zeros at the end are not sent: an IPv4 address takes five bytes of seventeen.
+    std::string_view bytes(reinterpret_cast<const char*>(&v), sizeof v);
+    e.text(bytes.substr(0, bytes.find_last_not_of('\0') + 1));
   } else {
     size_t mark = e.beginLength();
     if constexpr (Described<T>) {
@@ -488,7 +489,11 @@ bool decodeValue(Decoder& d, T& v) {
     if (!d.failed()) v = T(text);
   } else if constexpr (OpaqueBytes<T>) {
     T value;
-    if (d.varint() != sizeof value || !d.raw(&value, sizeof value)) return d.fail(), false;
+    std::string_view bytes = d.text();
+    if (d.failed() || bytes.size() > sizeof value) return d.fail(), false;
+    char image[sizeof value] = {};
+    bytes.copy(image, bytes.size());
+    std::memcpy(static_cast<void*>(&value), image, sizeof value);
     if constexpr (Validated<T>)
       if (!value.isValid() && !(value == T())) return d.fail(), false;
     v = value;

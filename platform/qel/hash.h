@@ -28,12 +28,12 @@ inline uint64_t hashBytes(const void* data, size_t size) {
   uint64_t word;
   for (; size >= 8; size -= 8, p += 8) {
     std::memcpy(&word, p, 8);
-    h = hashMix(h, word);
+    h = hashNumber(h ^ word);
   }
   if (size != 0) {
     word = 0;
     std::memcpy(&word, p, size);
-    h = hashMix(h, word ^ 0x8ebc6af09c88c6e3ull);
+    h = hashNumber(h ^ word);
   }
   return hashNumber(h);
 }

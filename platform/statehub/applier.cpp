@@ -31,10 +31,10 @@ bool Applier::op(Op code, Decoder& d) {
     case Op::root:
       return rootFields(d);
     case Op::compare:
-      if (Entity* e = numbered(d.varint())) markStale(*e);
+      if (Entity* e = numbered(d.varint())) markStale(*e, Reach::journal);
       return true;
     case Op::sweep:
-      if (Entity* e = numbered(d.varint())) sweepStale(*e);
+      if (Entity* e = numbered(d.varint())) sweepStale(*e, Reach::journal);
       return true;
     case Op::forget:
       if (uint64_t handle = d.varint(); handle < numbers_.size()) numbers_[handle] = nullptr;
@@ -258,24 +258,24 @@ bool Applier::rootFields(Decoder& d) {
   return true;
 }
 
-void Applier::markStale(Entity& e) {
+void Applier::markStale(Entity& e, Reach reach) {
   for (const CollectionInfo& c : e.type().collections)
     for (CollectionIterator it(e.collection(c)); it; it.next()) {
       Entity& child = *it.get();
       if (!sweepable(child)) continue;
       child.flags |= kStale;
-      if (child.type().journalOffset == 0) markStale(child);
+      if (reach == Reach::tree || child.type().journalOffset == 0) markStale(child, reach);
     }
 }
 
-void Applier::sweepStale(Entity& e) {
+void Applier::sweepStale(Entity& e, Reach reach) {
   for (const CollectionInfo& c : e.type().collections)
     for (CollectionIterator it(e.collection(c)); it; it.next()) {
       Entity& child = *it.get();
       if (child.flags & kStale)
         sweep(child);
-      else if (child.type().journalOffset == 0)
-        sweepStale(child);
+      else if (reach == Reach::tree || child.type().journalOffset == 0)
+        sweepStale(child, reach);
     }
 }
 

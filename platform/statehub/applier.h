@@ -69,9 +69,11 @@ class RYX_PRIVATE Applier {
   // Numbers a container of the peer's. False: the bound is passed.
   bool numberIs(uint64_t handle, Entity* e);
   Entity* numbered(uint64_t handle) const;
-  // Marks all below `e`, as far as its journal goes; then takes away what no item met since.
-  void markStale(Entity& e);
-  void sweepStale(Entity& e);
+  // Marks all below `e`, as far as its journal goes or into the journals below it too; then takes
+  // away what no item met since.
+  enum class Reach : uint8_t { journal, tree };
+  void markStale(Entity& e, Reach reach);
+  void sweepStale(Entity& e, Reach reach);
   // All numbers and types are void: a new connection.
   void reset();
   bool broken(std::string text) {

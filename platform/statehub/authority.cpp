@@ -1,5 +1,7 @@
 #include "platform/statehub/authority.h"
 
+#include <algorithm>
+#include <string>
 #include <vector>
 
 #include "platform/model/wellknown.h"
@@ -15,14 +17,19 @@ std::string_view nameOf(const Entity& e) {
   return static_cast<const Name*>(e.keyData())->view();
 }
 
-}  // namespace
+// Names below the root: how deep an entity stands.
+size_t depthOf(const Entity& e) {
+  size_t depth = 0;
+  for (const Entity* at = &e; at->parent(); at = at->parent()) ++depth;
+  return depth;
+}
+size_t depthOf(std::string_view path) {
+  return static_cast<size_t>(std::count(path.begin(), path.end(), '/')) + 1;
+}
 
-Writer::Admission judgeWrite(std::string_view agentName, const Entity& entity,
-                             const Entity* parent) {
-  using A = Writer::Admission;
-  if (agentName.empty()) return A::all;
-
-  // The names from the root down, as far as there are names: "a/b/own/...".
+// The place that the names from the root lead into, and the name at an agent's own level, if they
+// reach it.
+const WellKnown* placeOf(const Entity& entity, const Entity* parent, std::string_view* ownName) {
   std::vector<std::string_view> names;
   if (entity.type().keyKind) names.push_back(nameOf(entity));
   for (const Entity* e = parent; e && e->parent(); e = e->parent()) names.push_back(nameOf(*e));
@@ -32,24 +39,47 @@ Writer::Admission judgeWrite(std::string_view agentName, const Entity& entity,
     path += names[i];
   }
   const WellKnown* place = wellKnownAbove(path);
-  if (!place) return A::refused;
-  if (place->access == Access::shared) return A::all;
-  if (place->access == Access::service) return A::refused;
+  size_t level = place ? depthOf(place->path) + place->ownDepth : 0;
+  *ownName = place && level <= names.size() ? names[names.size() - level] : std::string_view();
+  return place;
+}
 
-  std::string_view rest = std::string_view(path).substr(place->path.size());
-  for (unsigned depth = 0; depth < place->ownDepth; ++depth) {
-    if (rest.empty()) return A::refused;  // the directory level is not the agent's
-    rest.remove_prefix(1);
-    size_t end = rest.find('/');
-    std::string_view step = rest.substr(0, end);
-    rest = end == std::string_view::npos ? std::string_view() : rest.substr(end);
-    if (depth + 1 < place->ownDepth) continue;
-    constexpr std::string_view kPrefix = "RyxSdk-";
-    bool own = step == agentName ||
-               (step.starts_with(kPrefix) && step.substr(kPrefix.size()) == agentName);
-    return own ? A::thisOne : A::refused;
+}  // namespace
+
+Ownership ownership(std::string_view agentName, const Entity& entity, const Entity* parent) {
+  if (agentName.empty()) return Ownership::shared;
+  std::string_view name;
+  const WellKnown* place = placeOf(entity, parent, &name);
+  if (!place || place->access == Access::service) return Ownership::none;
+  if (place->access == Access::shared) return Ownership::shared;
+  constexpr std::string_view kPrefix = "RyxSdk-";
+  bool own =
+      name == agentName || (name.starts_with(kPrefix) && name.substr(kPrefix.size()) == agentName);
+  return own ? Ownership::own : Ownership::none;
+}
+
+Writer::Admission judgeWrite(std::string_view agentName, const Entity& entity,
+                             const Entity* parent) {
+  using A = Writer::Admission;
+  Ownership o = ownership(agentName, entity, parent);
+  if (o != Ownership::own) return o == Ownership::none ? A::refused : A::all;
+  // In a journal that lies in its own entity everything is the agent's.
+  std::string_view name;
+  const WellKnown* place = placeOf(entity, parent, &name);
+  Journal* journal = parent ? const_cast<Entity*>(parent)->childJournal() : nullptr;
+  bool inside = journal && journal->root() &&
+                depthOf(*journal->root()) >= depthOf(place->path) + place->ownDepth;
+  return inside ? A::all : A::thisOne;
+}
+
+Ownership OwnershipCache::of(std::string_view agentName, const Entity& entity, Entity* parent) {
+  if (parent && parent_.get() == parent) return answer_;
+  Ownership o = ownership(agentName, entity, parent);
+  if (parent && !parent->as<Dir>()) {  // below a directory the name decides, elsewhere the parent
+    parent_ = Ref<Entity>(parent);
+    answer_ = o;
   }
-  return A::refused;
+  return o;
 }
 
 }  // namespace ryx::platform

@@ -84,6 +84,16 @@ class RYX_PRIVATE EntityManager : public Writer {
   virtual bool clogged() const { return unsentBytes() > kCloggedBytes; }
   // Nothing that was written here is unsent: neither bytes nor changes that wait to be encoded.
   virtual bool drained() const = 0;
+  // --- the connection; embedded there is none, and it is always there ---
+  virtual bool connected() const { return true; }
+  // A connected stream socket takes the place of one that died.
+  virtual void reconnected(int /*fd*/) {}
+  // Called once each time the connection dies, from the loop.
+  virtual void onLostIs(std::function<void()>) {}
+  // Batches of writes sent, and the last one of which the hub has told that it and all that it
+  // implied is done.
+  virtual uint64_t batches() const { return 0; }
+  virtual uint64_t acknowledged() const { return 0; }
   // The sockets to Statehub, for their buffer sizes. None embedded.
   virtual std::vector<int> connections() const = 0;
 

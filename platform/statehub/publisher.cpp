@@ -53,6 +53,7 @@ class Publisher::Feed final : public Cursor {
   bool compareToSay = false;  // and the peer was not told of its start
 };
 
+Publisher::Publisher() = default;
 Publisher::~Publisher() = default;
 
 void Publisher::publish(Entity& root, uint32_t handle, bool fromStart) {
@@ -79,6 +80,14 @@ uint64_t Publisher::sentVersion(const Journal& journal) const {
 void Publisher::startOver(const Journal& journal) {
   auto at = feeds_.find(&journal);
   if (at != feeds_.end()) at->second->startOver();
+}
+
+std::vector<Ref<Entity>> Publisher::takeRemovals() {
+  std::vector<Ref<Entity>> removals;
+  for (auto& [journal, feed] : feeds_)
+    while (Ref<Entity> e = feed->next())
+      if (e->dead() && wantsRemoval(*e)) removals.push_back(e);
+  return removals;
 }
 
 void Publisher::reset() {
@@ -201,7 +210,7 @@ void Publisher::encodeItem(Encoder& out, Entity& e, uint8_t extraFlags) {
   out.u8(e.owner()->info().index);
   out.varint(type.id);
   if (flags & kItemHandle) out.varint(handles_.at(&e).handle);
-  out.varint(e.generation());
+  out.varint(itemGeneration(e));
   type.keyKind->encode(out, e.keyData());
   encodeFields(out, e, flags & kItemWhole ? ~0u : itemFields(e),
                flags & (kItemWhole | kItemCreate));
@@ -254,6 +263,11 @@ void Publisher::encodeRemoval(Encoder& out, Entity& container, const CollectionI
   out.varint(type.id);
   out.varint(generation);
   type.keyKind->encode(out, key);
+}
+
+void Publisher::encodeForcedRoot(Encoder& out, Entity& root) {
+  if (root.dead()) return;
+  encodeRoot(out, root, containerHandle(out, root), kItemWhole | kItemForced, ~0u);
 }
 
 void Publisher::encodeForced(Encoder& out, Entity& e, bool withChildren) {

@@ -17,6 +17,7 @@ namespace ryx::platform {
 
 class RYX_PRIVATE Publisher {
  public:
+  Publisher();
   virtual ~Publisher();
 
   // Publishes all below `root`, an entity with a journal of its own, whose number on the wire is
@@ -38,11 +39,14 @@ class RYX_PRIVATE Publisher {
   // All of it again, to be compared, from the next encode() on.
   void startOver(const Journal& journal);
 
+  // Hands over the deletions that were not encoded.
+  std::vector<Ref<Entity>> takeRemovals();
   // Everything is void: a new connection. What is published has to be published again.
   void reset();
 
   // One entity, in full, to hold against whatever the peer has written; and all below it.
   void encodeForced(Encoder& out, Entity& e, bool withChildren);
+  void encodeForcedRoot(Encoder& out, Entity& root);
   // The number of a container that the peer knows, or is told here and now.
   uint32_t containerHandle(Encoder& out, Entity& container);
   void encodeRemoval(Encoder& out, Entity& container, const CollectionInfo& collection,
@@ -57,6 +61,7 @@ class RYX_PRIVATE Publisher {
   // The attributes to send, and how.
   virtual uint8_t itemFlags(Entity& e) = 0;
   virtual uint32_t itemFields(Entity& e) = 0;
+  virtual uint64_t itemGeneration(Entity& e) { return e.generation(); }
   // It was encoded with those attributes.
   virtual void sent(Entity&, uint32_t /*fields*/) {}
   virtual void removalSent(Entity&) {}

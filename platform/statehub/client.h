@@ -1,0 +1,147 @@
+// A participant's side of a link: its replica of what it mounted, kept by a connection to a hub.
+//
+// What it writes applies here at once and goes to the hub as its cursors find it. An item with a
+// write on its way ignores what the hub says of it until the hub has applied that write, then takes
+// what holds; what the hub refuses comes back and is repaired. Reactors run at cuts alone.
+//
+// A connection that dies leaves the replica as it is; with reconnected() the participant mounts
+// again, sends what is its own, with a comparison, and what else it wrote meanwhile, and its
+// reactors hear only the differences.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/activity/task.h"
+#include "platform/statehub/applier.h"
+#include "platform/statehub/authority.h"
+#include "platform/statehub/connection.h"
+#include "platform/statehub/entity_manager.h"
+#include "platform/statehub/publisher.h"
+
+namespace ryx::platform {
+
+class RYX_PRIVATE Client final : public EntityManager,
+                                 private Connection::Peer,
+                                 private Applier,
+                                 private Publisher,
+                                 private Task {
+ public:
+  Client(int fd, std::string_view agentName);
+  ~Client() override;
+
+  std::unique_ptr<MountGroup> mountGroup() override;
+  Tree& tree() override { return replica_; }
+  size_t unsentBytes() const override { return connection_ ? connection_->unsent() : 0; }
+  bool drained() const override;
+  std::vector<int> connections() const override;
+
+  bool connected() const override { return connection_ && connection_->open(); }
+  // A new connection takes the place of the one that died.
+  void reconnected(int fd) override;
+  void onLostIs(std::function<void()> lost) override { lost_ = std::move(lost); }
+
+  uint64_t acknowledged() const override { return acknowledged_; }
+  uint64_t batches() const override { return batch_; }
+
+ private:
+  class Group;
+  friend class Group;
+  // Entity flags of this side (Applier has one too).
+  static constexpr uint8_t kUpstream = 0x20;  // the hub has it
+  static constexpr uint8_t kGone = 0x40;      // deleted because the hub said so
+  // A creation of this side that the hub has not numbered yet.
+  static constexpr uint64_t kProvisional = uint64_t{1} << 63;
+
+  struct Mount {
+    MountRequest request;
+    Group* group = nullptr;  // that waits for it
+    bool writable = false;
+    bool answered = false;
+    uint32_t handle = 0;  // this side's number for the root
+    Ref<Entity> root;
+  };
+  struct Write {
+    Ref<Entity> entity;
+    uint32_t fields;
+    uint64_t batch;
+    bool creation;
+    bool removal;
+  };
+  struct Pending {
+    uint32_t fields = 0;
+    uint32_t writes = 0;
+    bool creation = false;
+  };
+
+  // --- Connection::Peer ---
+  bool onFrame(std::string_view payload) override;
+  void onWritable() override { wake(); }
+  void onClosed() override;
+
+  // --- Applier ---
+  Verdict judge(const Item& item, Entity* there) override;
+  void applied(Entity& e, const Item& item, bool made) override;
+  void refused(const Item&, Entity*, bool) override {}
+  void remove(const Item& item, Entity* there) override;
+  uint32_t rootKeep(Entity& e) override;
+  void rootApplied(Entity& e, uint32_t dirtyBefore) override { e.dirtyIs(dirtyBefore); }
+  void sweep(Entity& e) override;
+  bool sweepable(Entity& e) override;
+  bool control(Op op, Decoder& d) override;
+  bool mounted(Decoder& d);
+
+  // --- Publisher ---
+  bool wants(Entity& e) override;
+  bool wantsRemoval(Entity& e) override { return (e.flags & (kUpstream | kGone)) == kUpstream; }
+  bool visible(Entity&) override { return true; }
+  uint8_t itemFlags(Entity& e) override;
+  uint32_t itemFields(Entity& e) override { return e.flags & kUpstream ? e.dirty() : ~0u; }
+  uint64_t itemGeneration(Entity& e) override {
+    return (e.generation() & kProvisional) || !(e.flags & kUpstream) ? 0 : e.generation();
+  }
+  void sent(Entity& e, uint32_t fields) override;
+  void removalSent(Entity& e) override;
+  void activated() override { wake(); }
+
+  // --- Task: sending ---
+  bool run(Slice& slice) override;
+  void encodeSome(bool* all);
+  void encodeResent();
+
+  void hello();
+  void sendMounts(Encoder& out);
+  void removeHere(Entity& e);
+  // Written by this participant alone: nothing that the hub says of it counts.
+  bool ownAlone(Entity& e) { return owned_.of(agentName(), e, e.parent()) == Ownership::own; }
+  void settle(uint64_t batch);
+  void checkGroups();
+
+  Tree replica_;
+  std::unique_ptr<Connection> connection_;
+  std::function<void()> lost_;
+  std::vector<Mount> mounts_;
+  size_t mountsSent_ = 0;
+  std::vector<Group*> groups_;
+  std::deque<Write> onTheWay_;
+  size_t removalsOnTheWay_ = 0;
+  std::vector<Ref<Entity>> lostRemovals_;  // to be sent again
+  OwnershipCache owned_;
+  std::unordered_map<const Entity*, Pending> pending_;
+  std::vector<Ref<Entity>> ownRoots_;  // to be swept at the hub when all of it was sent again
+  Encoder out_;
+  Encoder controls_;
+  uint32_t dirtyBefore_ = 0;
+  uint64_t batch_ = 0;
+  uint64_t acknowledged_ = 0;
+  uint64_t incarnation_ = 0;
+  bool adopt_ = false;      // a new life of the hub: its generations are taken over
+  bool resending_ = false;  // after a reconnection, until all was sent again
+  bool cutOwed_ = false;
+};
+
+}  // namespace ryx::platform

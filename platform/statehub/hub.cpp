@@ -1,0 +1,392 @@
+#include "platform/statehub/hub.h"
+
+#include <sys/random.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "platform/activity/task.h"
+#include "platform/base/clock.h"
+#include "platform/model/wellknown.h"
+#include "platform/statehub/applier.h"
+#include "platform/statehub/authority.h"
+#include "platform/statehub/connection.h"
+#include "platform/statehub/entity_manager.h"
+#include "platform/statehub/publisher.h"
+#include "platform/trace/trace.h"
+
+namespace ryx::platform {
+namespace {
+
+TraceFacility& trace() {
+  static TraceFacility& facility = TraceFacility::named("RyxHub");
+  return facility;
+}
+
+constexpr size_t kMaxRepairs = 4096;  // refusals repaired one by one; past that, by a comparison
+
+bool isName(std::string_view name) {
+  return name.size() <= 64 && std::all_of(name.begin(), name.end(), [](char c) {
+           return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_';
+         });
+}
+
+}  // namespace
+
+class Hub::Session final : public Writer,
+                           public Connection::Peer,
+                           public Applier,
+                           public Publisher,
+                           public Task {
+ public:
+  Session(Hub& hub, int fd, uint32_t origin)
+      : Applier(hub.tree_),
+        Task("HubSession"),
+        hub_(hub),
+        origin_(origin),
+        connection_(std::make_unique<Connection>(fd, *this)) {}
+  ~Session() override { closeBatch(); }
+
+  const std::string& name() const { return name_; }
+  bool greeted() const { return greeted_; }
+  void cutPossible() {
+    if (cutOwed_) wake();
+  }
+  void end() {
+    connection_->close();
+    onClosed();
+  }
+
+  // --- Writer ---
+  Admission admits(const Journal&, const Entity& entity, const Entity* parent) override {
+    return judgeWrite(name_, entity, parent);
+  }
+
+  // --- Connection::Peer ---
+  bool onFrame(std::string_view payload) override {
+    StoreClock& clock = hub_.tree_.clock();
+    Writer* outerWriter = std::exchange(clock.writer, this);
+    uint32_t outerOrigin = std::exchange(clock.origin, origin_);
+    hub_.applying_ = this;
+    bool good = frame(payload);
+    hub_.applying_ = nullptr;
+    clock.writer = outerWriter;
+    clock.origin = outerOrigin;
+    if (!good) {
+      ++hub_.counters_.broken;
+      RYX_TRACE(trace(), 0, "participant '" << name_ << "' broke the protocol: " << error());
+    }
+    wake();
+    return good;
+  }
+  void onWritable() override { wake(); }
+  void onClosed() override {
+    RYX_TRACE(trace(), 1, "participant '" << name_ << "' is gone");
+    closeBatch();
+    hub_.gone(*this);
+  }
+
+ private:
+  struct Repair {
+    Ref<Entity> container;
+    const CollectionInfo* collection;
+    Ref<Entity> subject;  // what stands; or, with only its key set, what may not
+    bool stands;
+    bool withChildren;
+  };
+
+  // --- Applier ---
+  Verdict judge(const Item& item, Entity* there) override {
+    openBatch();
+    if (item.flags & kItemCreate) {
+      if (!there && made_ >= kMaxEntities) {
+        ++hub_.counters_.tooMany;
+        refused(item, nullptr, false);
+        return {nullptr, true, 0};
+      }
+      return {there, false, 0};
+    }
+    bool same = there && (item.generation == 0 || item.generation == there->generation());
+    return {there, !same, 0};  // a write to what is gone is lost with it
+  }
+  void applied(Entity& e, const Item& item, bool made) override {
+    if (made)
+      ++made_;
+    else if (item.flags & kItemCreate)
+      e.dirtyIs(0);  // it stood here already: its creator has to be told what it is
+  }
+  void remove(const Item& item, Entity* there) override {
+    openBatch();
+    if (!there || (item.generation != 0 && item.generation != there->generation())) return;
+    if (!there->owner()->remove(*there)) refused(item, there, true);
+  }
+  void sweep(Entity& e) override { EntityOps::remove(e); }
+  // A participant compares what is its own: everything else stays.
+  bool sweepable(Entity& e) override { return owned_.of(name_, e, e.parent()) == Ownership::own; }
+  void refused(const Item& item, Entity* there, bool removal) override {
+    note(item.type->name, *item.container);
+    if (repairs_.size() >= kMaxRepairs) {
+      startOver(*item.container->childJournal());
+      return;
+    }
+    Repair r{Ref<Entity>(item.container), &item.collection->info(), Ref<Entity>(there),
+             there != nullptr, removal};
+    if (!there) {
+      r.subject = EntityOps::make(*item.type);
+      item.type->keyKind->assign(r.subject->at(item.type->keyOffset), item.key);
+    }
+    repairs_.push_back(std::move(r));
+  }
+  void rootRefused(Entity& root) override {
+    note(root.type().name, root);
+    repairs_.push_back({Ref<Entity>(&root), nullptr, Ref<Entity>(&root), true, false});
+  }
+  void note(const std::string& type, const Entity& container) {
+    ++hub_.counters_.refusedWrites;
+    RYX_TRACE(trace(), 0,
+              "refused a write of " << type << " by '" << name_ << "' below " << container.path());
+  }
+
+  bool control(Op op, Decoder& d) override {
+    if (op == Op::hello) return hello(d);
+    if (!greeted_) return broken("an operation before hello");
+    switch (op) {
+      case Op::mount:
+        return mount(d);
+      case Op::batch:
+        applied_ = d.varint();
+        openBatch();
+        return true;
+      case Op::cut:
+        closeBatch();
+        return true;
+      default:
+        return broken("an unknown operation");
+    }
+  }
+
+  bool hello(Decoder& d) {
+    if (greeted_) return broken("a second hello");
+    uint64_t magic = d.varint(), version = d.varint();
+    std::string_view agent = d.text();
+    if (d.failed() || magic != kWireMagic) return broken("no hello of this protocol");
+    if (version != kWireVersion) return broken("protocol version " + std::to_string(version));
+    bool taken = std::any_of(hub_.sessions_.begin(), hub_.sessions_.end(), [&](auto& s) {
+      return s.get() != this && s->greeted() && !agent.empty() && s->name() == agent;
+    });
+    if (taken || !isName(agent)) {
+      ++hub_.counters_.refusedNames;
+      return broken(taken ? "a second connection as '" + std::string(agent) + "'"
+                          : "an agent name with characters that are not permitted");
+    }
+    name_ = agent;
+    greeted_ = true;
+    ++hub_.counters_.accepted;
+    controls_.u8(static_cast<uint8_t>(Op::hello));
+    controls_.varint(kWireMagic);
+    controls_.varint(kWireVersion);
+    controls_.varint(hub_.incarnation_);
+    return true;
+  }
+
+  bool mount(Decoder& d) {
+    uint64_t id = d.varint(), handle = d.varint();
+    std::string path(d.text()), typeName(d.text());
+    std::string_view mode = d.text();
+    uint8_t mine = d.u8();
+    if (d.failed() || path.size() > kMaxPath) return broken("a malformed mount");
+    if (++mounts_ > kMaxMounts) return broken("too many mounts");
+    Entity* root = nullptr;
+    MountStatus status = resolve(path, typeName, mode, &root);
+    controls_.u8(static_cast<uint8_t>(Op::mounted));
+    controls_.varint(id);
+    controls_.varint(static_cast<uint64_t>(status));
+    RYX_TRACE(trace(), 1,
+              "'" << name_ << "' mounts " << path << " (" << mode << "): status "
+                  << static_cast<int>(status));
+    if (status != MountStatus::success) return true;
+    if (handle != 0 && !numberIs(handle, root)) return false;
+    resends_ |= mine != 0;
+    uint32_t number = handleOf(*root);
+    if (number == 0) number = newHandle();
+    controls_.varint(number);
+    controls_.varint(root->generation());
+    publish(*root, number, true);
+    unsynced_.push_back(id);
+    return true;
+  }
+
+  MountStatus resolve(const std::string& path, const std::string& typeName, std::string_view mode,
+                      Entity** root) {
+    if (mode.empty() || mode.find_first_not_of("rwciS") != std::string_view::npos)
+      return MountStatus::badMode;
+    const TypeInfo* type = TypeInfo::named(typeName);
+    if (!type || type->journalOffset == 0) return MountStatus::wrongType;
+    *root = tree().find(path);
+    if (!*root && mode.find('c') == std::string_view::npos) return MountStatus::noSuchPath;
+    if (!*root) *root = tree().make(path, *type);
+    if (!*root) return MountStatus::refused;
+    return (*root)->type().is(*type) ? MountStatus::success : MountStatus::wrongType;
+  }
+
+  // --- Publisher ---
+  bool wants(Entity& e) override { return e.dirty() != origin_; }
+  bool wantsRemoval(Entity& e) override { return e.dirty() != origin_; }
+  // Of a private place others see the directory level, not each other's entities; what a
+  // participant is going to send again is not sent to it.
+  bool visible(Entity& e) override {
+    Entity* parent = e.parent();
+    if (!parent || !parent->as<Dir>() || name_.empty()) return true;
+    if (ownership(name_, e, parent) == Ownership::own)
+      return !(resends_ && e.type().journalOffset != 0);
+    const WellKnown* place = wellKnownAbove(std::string_view(e.path()).substr(1));
+    if (!place || !place->isPrivate) return true;
+    std::string path = e.path();
+    auto depth = std::count(path.begin(), path.end(), '/');
+    return depth < std::count(place->path.begin(), place->path.end(), '/') + 1 + place->ownDepth;
+  }
+  uint8_t itemFlags(Entity&) override { return kItemWhole; }
+  uint32_t itemFields(Entity&) override { return ~0u; }
+  void activated() override { wake(); }
+
+  // --- sending ---
+  bool run(Slice& slice) override {
+    while (connection_->open() && connection_->unsent() < kSendAhead) {
+      out_.clear();
+      std::swap(out_.buffer(), controls_.buffer());
+      if (applied_ > appliedTold_) {
+        appliedTold_ = applied_;
+        out_.u8(static_cast<uint8_t>(Op::applied));
+        out_.varint(applied_);
+      }
+      encodeRepairs();
+      bool all = encode(out_, kFrameTarget);
+      if (starting() == 0) {
+        for (uint64_t mount : std::exchange(unsynced_, {})) {
+          out_.u8(static_cast<uint8_t>(Op::synced));
+          out_.varint(mount);
+        }
+      }
+      cutOwed_ |= out_.size() != 0;
+      if (all && cutOwed_ && hub_.mayCut()) {
+        encodeCut();
+      } else if (cutOwed_ && !all && starting() == 0 &&
+                 clock().now() - lastCut_ > kForcedCutSeconds) {
+        ++hub_.counters_.forcedCuts;
+        encodeCut();
+      }
+      if (out_.size() != 0) connection_->send(out_.bytes());
+      if (all) return false;
+      if (slice.spent()) return true;
+    }
+    return false;
+  }
+  void encodeCut() {
+    cutOwed_ = false;
+    lastCut_ = clock().now();
+    if (applied_ > acked_ && caughtUp()) {
+      acked_ = applied_;
+      out_.u8(static_cast<uint8_t>(Op::ack));
+      out_.varint(acked_);
+    }
+    out_.u8(static_cast<uint8_t>(Op::cut));
+  }
+  void encodeRepairs() {
+    for (Repair& r : std::exchange(repairs_, {})) {
+      out_.u8(static_cast<uint8_t>(Op::refused));
+      if (!r.collection)
+        encodeForcedRoot(out_, *r.subject);
+      else if (r.stands)
+        encodeForced(out_, *r.subject, r.withChildren);
+      else if (!r.container->dead())
+        encodeRemoval(out_, *r.container, *r.collection, r.subject->type(), r.subject->keyData(), 0,
+                      kItemForced);
+    }
+  }
+
+  void openBatch() {
+    if (batchOpen_) return;
+    batchOpen_ = true;
+    hub_.batchOpened();
+  }
+  void closeBatch() {
+    if (!batchOpen_) return;
+    batchOpen_ = false;
+    hub_.batchClosed();
+  }
+
+  Hub& hub_;
+  const uint32_t origin_;
+  std::unique_ptr<Connection> connection_;
+  std::string name_;
+  OwnershipCache owned_;
+  bool greeted_ = false;
+  bool batchOpen_ = false;
+  bool resends_ = false;
+  bool cutOwed_ = false;
+  double lastCut_ = 0;
+  uint64_t applied_ = 0, appliedTold_ = 0, acked_ = 0;
+  uint64_t made_ = 0;
+  uint32_t mounts_ = 0;
+  std::vector<uint64_t> unsynced_;
+  std::vector<Repair> repairs_;
+  Encoder out_;
+  Encoder controls_;
+};
+
+Hub::Hub(Tree& tree) : tree_(tree) {
+  if (getrandom(&incarnation_, sizeof incarnation_, 0) != sizeof incarnation_)
+    incarnation_ = static_cast<uint64_t>(clock().now() * 1e9);
+  incarnation_ >>= 1;
+  tree_.clock().origins = this;
+}
+
+Hub::~Hub() {
+  sessions_.clear();
+  tree_.clock().origins = nullptr;
+  tree_.clock().openGate();
+}
+
+void Hub::accept(int fd) {
+  sessions_.push_back(std::make_unique<Session>(*this, fd, nextOrigin_++));
+}
+
+void Hub::dropAll() {
+  while (!sessions_.empty()) sessions_.back()->end();
+}
+
+bool Hub::caughtUp(const Journal& journal, uint64_t version) {
+  return applying_ && applying_->sentVersion(journal) >= version;
+}
+
+void Hub::batchOpened() {
+  if (openBatches_++ != 0) return;
+  tree_.clock().gated = true;
+  armAt(clock().now() + kForcedCutSeconds);
+}
+
+void Hub::batchClosed() {
+  if (--openBatches_ != 0) return;
+  forced_ = false;
+  disarm();
+  tree_.clock().openGate();
+  for (auto& s : sessions_) s->cutPossible();
+}
+
+// Somebody has been sending for too long: the others go on.
+void Hub::onTimer() {
+  ++counters_.forcedCuts;
+  forced_ = true;
+  tree_.clock().openGate();
+  for (auto& s : sessions_) s->cutPossible();
+}
+
+void Hub::gone(Session& session) {
+  auto at = std::find_if(sessions_.begin(), sessions_.end(),
+                         [&](auto& s) { return s.get() == &session; });
+  if (at == sessions_.end()) return;
+  std::unique_ptr<Session> last = std::move(*at);
+  sessions_.erase(at);
+}
+
+}  // namespace ryx::platform

@@ -5,6 +5,7 @@
 //   vrf_mgr* sdk::get_vrf_mgr() { return get(vrf_mgr_, &sdk::init_vrf_mgr, {"vrf"}); }
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -37,7 +38,6 @@ class sdk_context {
   // The connection: the host's, that of the event loop, or that of main_loop; null while there is
   // none.
   platform::EntityManager* connection() const { return connection_; }
-  bool hosted() const { return host_ != nullptr; }
   void connectionIs(std::unique_ptr<platform::EntityManager> connection);
 
   RawMounter& mounter() { return mounter_; }
@@ -45,35 +45,42 @@ class sdk_context {
   // The agent's manager, if it was asked for; null for one that the program overrides by its own.
   static agent_mgr* agentManagerOf(sdk& context) { return context.agent_mgr_; }
 
-  template <class Impl>
-  Impl* own(std::unique_ptr<Impl> manager) {
-    managers_.push_back({manager.get(), [](void* gone) { delete static_cast<Impl*>(gone); }});
-    return manager.release();
+  // Takes a manager over, for as long as the process lives, and puts it into its slot.
+  template <class Mgr, class Impl>
+  void own(Mgr*& slot, std::unique_ptr<Impl> manager) {
+    Impl* owned = manager.get();
+    managers_.push_back([&slot, owned] {
+      delete owned;
+      slot = nullptr;
+    });
+    slot = manager.release();
   }
   bool ownsManagers() const { return !managers_.empty(); }
+
+  // The last one that was created goes first.
   void destroyManagers();
 
+  // The mount manager that was created here, and the container that main_loop made.
+  void mountMgrIs(mount_mgr* mounts) { mounts_ = mounts; }
+  void containerIs(std::unique_ptr<platform::AgentContainer> container);
+
   // The sdk object goes: the managers must not ask it any more.
-  void orphan(mount_mgr* mounts);
+  void orphan();
 
  private:
-  struct Owned {
-    void* manager;
-    void (*destroy)(void*);
-  };
-
-  platform::EntityManager* const host_;
   platform::EntityManager* connection_;
   std::unique_ptr<platform::EntityManager> own_;
+  std::unique_ptr<platform::AgentContainer> container_;
   RawMounter mounter_{"mounter"};
-  std::vector<Owned> managers_;  // in the order of their creation
+  mount_mgr* mounts_ = nullptr;
+  std::vector<std::function<void()>> managers_;  // each destroys one, in the order of creation
 };
 
 template <class Impl, class Mgr, class... Args>
 void sdk::create(Mgr*& slot, Args... args) {
   if (slot != nullptr) return;
   mount_mgr* mounts = get_mount_mgr();
-  slot = context_->own(std::make_unique<Impl>(mounts, args...));
+  context_->own(slot, std::make_unique<Impl>(mounts, args...));
 }
 
 template <class Mgr, class... Args>

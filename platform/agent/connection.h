@@ -1,0 +1,41 @@
+// Where an agent finds its Statehub: inside the process, or at a server.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/base/api.h"
+#include "platform/statehub/entity_manager.h"
+
+namespace ryx::platform {
+
+struct RYX_PRIVATE ConnectionSettings {
+  std::string systemName;  // which switch of this machine; empty: "ryx"
+  std::string socketName;  // a Unix socket
+  std::string port;        // a TCP port of this machine, in digits
+  int descriptor = -1;     // that a server handed over
+
+  // SYSNAME, STATEHUBSOCKNAME and STATEHUBPORT.
+  static ConnectionSettings fromEnvironment();
+
+  // Where the server of the system listens: "/run/ryx/NAME/statehub".
+  std::string defaultSocketName() const;
+};
+
+// The connection, for the agent of that name: the Statehub of this process, with its feed, when
+// STATEHUBLOCAL is set; else over the descriptor, else at the socket, else at the port, else at the
+// default socket: the first of them that is given. When it cannot be had, says on standard error
+// what to do and exits with status 1.
+RYX_PRIVATE std::unique_ptr<EntityManager> connectToStatehub(const ConnectionSettings& settings,
+                                                             std::string_view agentName);
+
+// The arguments that a server gives an agent that it started, in the environment: the count
+// STATEHUB_SOCKID_ARGC and as many STATEHUB_SOCKID_ARG_<n>. None when there is no count.
+RYX_PRIVATE std::vector<std::string> passiveMountArguments();
+
+// The descriptor that "--statehubfd=N" among the arguments names, or -1.
+RYX_PRIVATE int passiveMountDescriptor(const std::vector<std::string>& arguments);
+
+}  // namespace ryx::platform

@@ -1,0 +1,22 @@
+// Everything of the SDK.
+#ifndef RYX_RYX_H
+#define RYX_RYX_H
+
+#include <ryx/agent.h>
+#include <ryx/base_handler.h>
+#include <ryx/base_mgr.h>
+#include <ryx/eth.h>
+#include <ryx/event_loop.h>
+#include <ryx/fd.h>
+#include <ryx/get_agent_process_name.h>
+#include <ryx/ip.h>
+#include <ryx/iter_base.h>
+#include <ryx/mount.h>
+#include <ryx/panic.h>
+#include <ryx/print_profiles.h>
+#include <ryx/sdk.h>
+#include <ryx/sdk_scoped_lock.h>
+#include <ryx/timer.h>
+#include <ryx/tracing.h>
+
+#endif  // RYX_RYX_H

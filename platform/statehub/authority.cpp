@@ -53,8 +53,10 @@ Ownership ownership(std::string_view agentName, const Entity& entity, const Enti
   if (!place || place->access == Access::service) return Ownership::none;
   if (place->access == Access::shared) return Ownership::shared;
   constexpr std::string_view kPrefix = "RyxSdk-";
+  // The agent's configuration and status stand under the last part of a name with dashes.
+  std::string_view lastPart = agentName.substr(agentName.rfind('-') + 1);
   bool own =
-      name == agentName || (name.starts_with(kPrefix) && name.substr(kPrefix.size()) == agentName);
+      name == lastPart || (name.starts_with(kPrefix) && name.substr(kPrefix.size()) == agentName);
   return own ? Ownership::own : Ownership::none;
 }
 

@@ -161,10 +161,7 @@ void Activity::runPending(Run& run) {
     turn(run);
     handOver();
     if (run.stopped()) return;
-    // What the first poll found is pending work; what later ones find may never end.
-    const bool ready = !listener_ && !descriptors_.empty() &&
-                       (run.polls == 0 || (run.polls == 1 && descriptors_.anyReady()));
-    if (tasks_.empty() && !timersLeft_ && !ready) return;
+    if (tasks_.empty() && !timersLeft_ && !firstPollPending(run)) return;
     if (turns >= zeroRunTurns_) {
       ++counters_.zeroRunsCut;
       RYX_TRACE(activityTrace(), 0,
@@ -172,6 +169,12 @@ void Activity::runPending(Run& run) {
       return nudge();
     }
   }
+}
+
+// What its first poll found is work of a run(0); what later ones find may never end.
+bool Activity::firstPollPending(const Run& run) const {
+  if (listener_ || descriptors_.empty()) return false;
+  return run.polls == 0 || (run.polls == 1 && descriptors_.anyReady());
 }
 
 void Activity::runUntil(Run& run) {
@@ -189,7 +192,7 @@ void Activity::runUntil(Run& run) {
       const double until = next > now ? std::min(next, run.end) : run.end;
       ++counters_.busyTimeSkips;
       if (std::isfinite(until)) clock().skipTo(until);
-    } else if (tasks_.empty() && !timersLeft_) {
+    } else if (!pending()) {
       if (!rest(run) || run.stopped()) return;
     }
   }
@@ -203,6 +206,10 @@ void Activity::turn(Run& run) {
   fireTimers(run);
   if (!run.stopped()) serveDescriptors(run);
   if (!run.stopped()) runTasks(run);
+}
+
+bool Activity::pending() const {
+  return !tasks_.empty() || timersLeft_ || (!listener_ && descriptors_.anyReady());
 }
 
 void Activity::fireTimers(const Run& run) {
@@ -384,7 +391,9 @@ void Activity::descriptorGone(const Descriptor& descriptor) {
     if (callback->descriptor == &descriptor) callback->descriptor = nullptr;
 }
 
-std::vector<DescriptorState> Activity::descriptors() const { return descriptors_.list(); }
+std::vector<DescriptorState> Activity::descriptors() const {
+  return descriptors_.list();
+}
 
 bool Activity::descriptorEvent(int fd, DescriptorEvent event) {
   ActivityLockGuard guard(lock_);

@@ -155,6 +155,8 @@ class RYX_PRIVATE Activity {
   void runPending(Run& run);
   void runUntil(Run& run);
   void turn(Run& run);
+  bool pending() const;
+  bool firstPollPending(const Run& run) const;
   void fireTimers(const Run& run);
   void serveDescriptors(Run& run);
   void runTasks(const Run& run);

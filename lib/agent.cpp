@@ -28,6 +28,8 @@ using platform::Change;
 using platform::Dir;
 using platform::Entity;
 using platform::Name;
+using platform::GenericAgent::AgentKey;
+using platform::GenericAgent::AgentVal;
 using platform::GenericAgent::Config;
 using platform::GenericAgent::Status;
 
@@ -37,6 +39,14 @@ constexpr const char* kStatusPath = "daemon/agent/status";
 platform::TraceFacility& trace() {
   static auto& facility = platform::TraceFacility::named("RyxSdkAgent");
   return facility;
+}
+
+// Empty where there is none; there is none under a key that is longer than keys are.
+template <class Table>
+std::string valueIn(const Table& table, const std::string& key) {
+  if (key.size() > AgentKey::kMaxBytes) return std::string();
+  const AgentVal* value = table.get(key);
+  return value == nullptr ? std::string() : value->bytes();
 }
 
 void checkLength(const std::string& text, uint32_t longest) {
@@ -146,7 +156,8 @@ void GenericAgentSm::onConfig(Config& config, Change change) {
 
 void GenericAgentSm::onOption(Option& option, Change change) {
   const CallbackGuard guard(mgr_);
-  mgr_.on_agent_option(option.key(), change == Change::deleted ? std::string() : option.value());
+  mgr_.on_agent_option(option.key().bytes(),
+                       change == Change::deleted ? std::string() : option.value().bytes());
 }
 
 // --- AgentMgrImpl: operations -------------------------------------------------------------------
@@ -161,8 +172,7 @@ std::string AgentMgrImpl::agent_option(const std::string& name) const {
   RYX_TRACE_ENTRY(trace(), 7, " name=" << name);
   const ApiGuard guard(*this);
   const Config* mine = config();
-  const std::string* value = mine == nullptr ? nullptr : mine->option.get(name);
-  return value == nullptr ? std::string() : *value;
+  return mine == nullptr ? std::string() : valueIn(mine->option, name);
 }
 
 agent_option_iter_t AgentMgrImpl::agent_option_iter() const {
@@ -179,8 +189,7 @@ std::string AgentMgrImpl::status(const std::string& key) const {
   RYX_TRACE_ENTRY(trace(), 7, " key=" << key);
   const ApiGuard guard(*this);
   const Status* mine = agentStatus();
-  const std::string* value = mine == nullptr ? nullptr : mine->data.get(key);
-  return value == nullptr ? std::string() : *value;
+  return mine == nullptr ? std::string() : valueIn(mine->data, key);
 }
 
 agent_status_iter_t AgentMgrImpl::status_iter() const {
@@ -195,8 +204,8 @@ agent_status_iter_t AgentMgrImpl::status_iter() const {
 
 void AgentMgrImpl::status_set(const std::string& key, const std::string& value) {
   RYX_TRACE(trace(), 7, key << "=" << value);
-  checkLength(key, platform::GenericAgent::kMaxKeyLength);
-  checkLength(value, platform::GenericAgent::kMaxValueLength);
+  checkLength(key, AgentKey::kMaxBytes);
+  checkLength(value, AgentVal::kMaxBytes);
   const ApiGuard guard(*this);
   if (Status* mine = makeStatus()) mine->data.set(key, value);
 }
@@ -204,7 +213,8 @@ void AgentMgrImpl::status_set(const std::string& key, const std::string& value) 
 void AgentMgrImpl::status_del(const std::string& key) {
   RYX_TRACE_ENTRY(trace(), 7, " key=" << key);
   const ApiGuard guard(*this);
-  if (Status* mine = agentStatus()) mine->data.erase(key);
+  if (Status* mine = agentStatus(); mine != nullptr && key.size() <= AgentKey::kMaxBytes)
+    mine->data.erase(key);
 }
 
 void AgentMgrImpl::agent_shutdown_complete_is(bool complete) {

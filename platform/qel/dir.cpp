@@ -16,7 +16,7 @@ std::string_view step(std::string_view* path) {
 Entity* DirEntries::create(const TypeInfo& type, const Name& name) {
   if (Entity* there = find(name)) return there->type().is(type) ? there : nullptr;
   check(type.keyKind == &kindOf<Name>() || type.keyKind == nullptr ||
-            std::string_view(type.keyKind->name) == "text",
+            std::string_view(type.keyKind->name) == "name",
         "what stands in a directory is keyed by its name");
   Ref<Entity> child = EntityOps::make(type);
   *static_cast<Name*>(child->at(type.keyOffset)) = name;

@@ -132,7 +132,7 @@ bool Applier::place(Decoder& d, Item* item, uint64_t* handle, PeerType** type, b
   if (!info) return ++unknown_, true;
   bool fits = info->child ? item->type->is(info->child())
                           : item->type->keyKind == &kindOf<Name>() ||
-                                std::string_view(item->type->keyKind->name) == "text";
+                                std::string_view(item->type->keyKind->name) == "name";
   if (!fits) return broken("an item of type " + item->type->name + " in a collection of another");
   item->collection = &container->collection(*info);
   item->hash = item->type->keyKind->hash(item->key);

@@ -12,7 +12,7 @@ namespace {
 std::string_view nameOf(const Entity& e) {
   const TypeInfo& type = e.type();
   if (type.keyKind != &kindOf<Name>() &&
-      (!type.keyKind || std::string_view(type.keyKind->name) != "text"))
+      (!type.keyKind || std::string_view(type.keyKind->name) != "name"))
     return {};
   return static_cast<const Name*>(e.keyData())->view();
 }

@@ -27,6 +27,7 @@ class BoundedBytes {
   BoundedBytes(const char* text) : BoundedBytes(std::string_view(text)) {}
 
   const std::string& bytes() const { return bytes_; }
+  size_t size() const { return bytes_.size(); }
   explicit operator const std::string&() const { return bytes_; }
 
   friend bool operator==(const BoundedBytes& a, const BoundedBytes& b) {

@@ -1,0 +1,117 @@
+#include "switch/sim/sim.h"
+
+#include "platform/model/interface.h"
+#include "platform/qel/reactor.h"
+#include "switch/base/interfaces.h"
+
+namespace ryx::sim {
+
+using namespace platform;
+using Interface::IntfConfig;
+using Interface::IntfStatus;
+using Interface::OperStatus;
+
+// One interface's hardware: what its port has, and what that makes of its status.
+class Sim::Port final : public EntityReactor {
+ public:
+  Port(IntfConfig& config, IntfStatus& status, uint8_t code)
+      : EntityReactor("sim port"), config_(&config), status_(&status), code_(code) {
+    follow(config, config.adminEnabledStateLocal.bit());
+    show();
+  }
+
+  void codeIs(uint8_t code) {
+    code_ = code;
+    show();
+  }
+  const std::string& deviceName() const { return status_->deviceName(); }
+
+ protected:
+  void onAttributes(uint32_t) override { show(); }
+
+ private:
+  void show() {
+    auto down = static_cast<uint8_t>(OperStatus::down);
+    status_->operStatus.set(config_->adminEnabled() ? code_ : down);
+  }
+
+  Ref<IntfConfig> config_;
+  Ref<IntfStatus> status_;
+  uint8_t code_;
+};
+
+// --- commands -----------------------------------------------------------------------------------
+
+struct Sim::Command {
+  std::string_view name;
+  std::string_view usage;
+  std::string (Sim::*run)(const Arguments& arguments);
+};
+
+const Sim::Command Sim::kCommands[] = {
+    {"interface-add", "INTF [kernel-name]", &Sim::addInterface},
+    {"interface-del", "INTF", &Sim::deleteInterface},
+    {"oper-status", "INTF CODE", &Sim::setOperStatus},
+};
+
+namespace {
+
+std::string unknown(IntfId intf) {
+  return "there is no interface " + intf.toString() + "; expected one that interface-add made";
+}
+
+}  // namespace
+
+Sim::Sim(Tree& tree) : tree_(tree) {}
+
+Sim::~Sim() = default;
+
+std::string Sim::command(std::string_view line) {
+  Words words(line);
+  std::string name;
+  if (!words.next(&name)) return words.error();
+  std::string names;
+  for (const Command& c : kCommands) {
+    if (c.name == name) {
+      Arguments arguments;
+      std::string error = parseArguments(c.usage, words, &arguments);
+      if (error.empty()) return (this->*c.run)(arguments);
+      return error + "; expected: " + std::string(c.name) + " " + std::string(c.usage);
+    }
+    names += (names.empty() ? "" : ", ") + std::string(c.name);
+  }
+  return "unknown command " + inQuotes(name) + "; expected one of: " + names;
+}
+
+std::string Sim::addInterface(const Arguments& arguments) {
+  IntfId intf = arguments[0].intf;
+  if (!feeds::hasDirectory(intf))
+    return "the switch has no interfaces of the kind of " + intf.toString() + " to add";
+  if (ports_.count(intf)) return "there is an interface " + intf.toString() + " already";
+  std::string device = arguments.size() > 1 ? arguments[1].text : std::string();
+  for (const auto& [other, port] : ports_)
+    if (!device.empty() && port->deviceName() == device)
+      return "the kernel name " + inQuotes(device) + " is that of " + other.toString();
+
+  feeds::IntfEntities made = feeds::createIntf(tree_, intf);
+  made.status->deviceName.set(device);
+  auto code = static_cast<uint8_t>(intf.isLoopback() ? OperStatus::up : OperStatus::down);
+  ports_.emplace(intf, std::make_unique<Port>(*made.config, *made.status, code));
+  return {};
+}
+
+std::string Sim::deleteInterface(const Arguments& arguments) {
+  IntfId intf = arguments[0].intf;
+  if (ports_.erase(intf) == 0) return unknown(intf);
+  feeds::eraseIntf(tree_, intf);
+  return {};
+}
+
+std::string Sim::setOperStatus(const Arguments& arguments) {
+  auto at = ports_.find(arguments[0].intf);
+  if (at == ports_.end()) return unknown(arguments[0].intf);
+  at->second->codeIs(static_cast<uint8_t>(arguments[1].number));
+  return {};
+}
+
+}  // namespace ryx::sim

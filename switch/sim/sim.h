@@ -1,0 +1,52 @@
+// The simulated switch: hardware that obeys. It keeps the interfaces that a scenario, a script or a
+// test gives it, and does what agents configure.
+//
+//   interface-add INTF [kernel-name]    an interface, and the name of its kernel device
+//   interface-del INTF
+//   oper-status INTF CODE               the platform's code of its operational status, 0 to 255
+//
+// A new interface is operationally down (code 2), a loopback interface up (1). One that is set
+// administratively off shows down (2) whatever happens at its port, and when it is on again, what
+// its port then has: the code that oper-status gave it last.
+//
+// Called under the activity lock, owned by the feed; it outlives neither the tree nor the loop.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "platform/qel/dir.h"
+#include "platform/types/intf.h"
+#include "switch/sim/command_line.h"
+
+namespace ryx::sim {
+
+class Sim {
+ public:
+  explicit Sim(platform::Tree& tree);
+  ~Sim();
+  Sim(const Sim&) = delete;
+  Sim& operator=(const Sim&) = delete;
+
+  // Does what one line says. Empty when it is done, or the line says nothing; else what is wrong
+  // and what was expected, and nothing has changed.
+  [[nodiscard]] std::string command(std::string_view line);
+
+  size_t interfaces() const { return ports_.size(); }
+
+ private:
+  class Port;
+  struct Command;
+  static const Command kCommands[];
+
+  std::string addInterface(const Arguments& arguments);
+  std::string deleteInterface(const Arguments& arguments);
+  std::string setOperStatus(const Arguments& arguments);
+
+  platform::Tree& tree_;
+  std::unordered_map<platform::IntfId, std::unique_ptr<Port>> ports_;
+};
+
+}  // namespace ryx::sim

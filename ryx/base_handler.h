@@ -30,6 +30,11 @@ class RYX_API base_handler {
  public:
   using mgr_type = Mgr;
 
+  /// Binds the handler to its manager. It hears of nothing before it registers.
+  explicit base_handler(Mgr* mgr) : mgr_(mgr) {
+    if (mgr_ != nullptr) registry(*mgr_).bind(self());
+  }
+
   base_handler(const base_handler&) = delete;
   base_handler& operator=(const base_handler&) = delete;
 
@@ -44,10 +49,6 @@ class RYX_API base_handler {
   }
 
  protected:
-  explicit base_handler(Mgr* mgr) : mgr_(mgr) {
-    if (mgr_ != nullptr) registry(*mgr_).bind(self());
-  }
-
   /// For the constructor of `Handler`, and for it alone: the object is still a plain `Handler`
   /// there.
   void base_table_is(const Handler* handler) {

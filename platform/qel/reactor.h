@@ -47,6 +47,11 @@ class RYX_PRIVATE EntityReactor : public Reactor {
   explicit EntityReactor(const char* name, Order order = Order::normal) : Reactor(name, order) {}
   // `attributes`: those of its interest that were written since the last call.
   virtual void onAttributes(uint32_t attributes) = 0;
+  // For onAttributes(): these are told in a further run, whatever becomes of this one.
+  void tellLater(uint32_t attributes) {
+    pending_ |= attributes;
+    wake();
+  }
   bool run(Slice& slice) final;
 
  private:

@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -22,11 +23,35 @@ Registry& registry() {
   return *r;
 }
 
-void dumpKey(JsonWriter& w, const Entity& e) {
-  if (e.type().keyKind) {
-    w.key("key");
-    e.type().keyKind->dump(w, e.keyData());
-  }
+bool sameKind(const Kind& a, const Kind& b) {
+  return a.wire == b.wire && std::strcmp(a.name, b.name) == 0;
+}
+
+// Whether two modules' declarations of a type mean the same.
+bool sameDeclaration(const TypeInfo& a, const TypeInfo& b) {
+  if (a.size != b.size || a.base != b.base || a.keyOffset != b.keyOffset ||
+      a.journalOffset != b.journalOffset || !a.keyKind != !b.keyKind ||
+      (a.keyKind && !sameKind(*a.keyKind, *b.keyKind)))
+    return false;
+  auto sameField = [](const FieldInfo& x, const FieldInfo& y) {
+    return x.offset == y.offset && x.marks == y.marks && std::strcmp(x.name, y.name) == 0 &&
+           sameKind(*x.kind, *y.kind);
+  };
+  auto sameCollection = [](const CollectionInfo& x, const CollectionInfo& y) {
+    return x.offset == y.offset && x.marks == y.marks && !x.child == !y.child &&
+           std::strcmp(x.name, y.name) == 0;
+  };
+  return std::equal(a.fields.begin(), a.fields.end(), b.fields.begin(), b.fields.end(),
+                    sameField) &&
+         std::equal(a.collections.begin(), a.collections.end(), b.collections.begin(),
+                    b.collections.end(), sameCollection);
+}
+
+// Whether it stands, at some height, in a collection that is secret.
+bool inSecret(const Entity& e) {
+  for (const Entity* at = &e; at && at->owner(); at = at->parent())
+    if (at->owner()->info().marks & kSecret) return true;
+  return false;
 }
 
 }  // namespace
@@ -70,12 +95,22 @@ const TypeInfo& TypeInfo::byId(uint16_t id) {
 TypeBuilder::TypeBuilder(const char* name, size_t size, const TypeInfo* base,
                          void (*construct)(void*), void (*destroy)(Entity*))
     : type_(new TypeInfo{
-          name, 0, size, base, construct, destroy, {}, {}, 0, nullptr, 0, Slab(size)}) {}
+          name, 0, size, base, construct, destroy, {}, {}, 0, nullptr, 0, false, Slab(size)}) {
+  check(size <= UINT16_MAX, "a type's members are within 64 KiB");
+}
+
+void TypeBuilder::nameIsNew(const char* name) const {
+  for (const FieldInfo& f : type_->fields)
+    check(std::strcmp(f.name, name) != 0, "a type's attributes have names of their own");
+  for (const CollectionInfo& c : type_->collections)
+    check(std::strcmp(c.name, name) != 0, "a type's collections have names of their own");
+}
 
 void TypeBuilder::attribute(const char* name, const Kind& kind, const void* at, uint8_t marks,
                             Meta* meta) {
   auto index = static_cast<uint8_t>(type_->fields.size());
-  check(index < Entity::kMaxFields, "a type has at most 32 attributes");
+  check(index < Entity::kMaxFields, "a type has at most 31 attributes");
+  nameIsNew(name);
   *meta = {offsetOf(at), index};
   type_->fields.push_back({name, &kind, offsetOf(at), index, marks});
 }
@@ -83,12 +118,15 @@ void TypeBuilder::attribute(const char* name, const Kind& kind, const void* at, 
 void TypeBuilder::key(const Kind& kind, const void* at) {
   check(!type_->keyKind, "a type has one key");
   type_->keyKind = &kind;
+  type_->keyedByName = std::strcmp(kind.name, kindOf<Name>().name) == 0;
   type_->keyOffset = offsetOf(at);
 }
 
 void TypeBuilder::collection(const char* name, const TypeInfo& (*child)(), const void* at,
                              uint8_t marks) {
+  check(type_->collections.size() < UINT8_MAX, "a type has at most 255 collections");
   auto index = static_cast<uint8_t>(type_->collections.size());
+  nameIsNew(name);
   type_->collections.push_back({name, child, offsetOf(at), index, marks});
 }
 
@@ -108,12 +146,8 @@ const TypeInfo& TypeBuilder::finish() {
   if (!isNew) {
     // Another module of this build declares it too; both must mean the same.
     const TypeInfo& there = *at->second;
-    bool same = there.size == type_->size && there.fields.size() == type_->fields.size() &&
-                there.collections.size() == type_->collections.size();
-    for (size_t i = 0; same && i < type_->fields.size(); ++i)
-      same = there.fields[i].offset == type_->fields[i].offset &&
-             std::strcmp(there.fields[i].name, type_->fields[i].name) == 0;
-    check(same, "two modules declare one type differently: they are not of the same build");
+    check(sameDeclaration(there, *type_),
+          "two modules declare one type differently: they are not of the same build");
     delete type_;
     return there;
   }
@@ -167,9 +201,13 @@ std::string Entity::path() const {
 void Entity::dump(JsonWriter& w) const {
   const TypeInfo& t = type();
   w.beginObject();
-  w.key("type");
+  w.key("@type");
   w.string(t.name);
-  dumpKey(w, *this);
+  if (inSecret(*this)) return w.endObject();
+  if (t.keyKind) {
+    w.key("@key");
+    t.keyKind->dump(w, keyData());
+  }
   for (const FieldInfo& f : t.fields) {
     if (f.marks & kSecret) continue;
     w.key(f.name);
@@ -201,10 +239,7 @@ Ref<Entity> EntityOps::make(const TypeInfo& type) {
 
 void EntityOps::destroy(Entity* e) {
   const TypeInfo& type = e->type();
-  if (e->prev) {  // its tree goes as a whole
-    e->prev->next = e->next;
-    e->next->prev = e->prev;
-  }
+  check(!e->prev, "what is in a journal is in a tree");
   Ref<Entity> parent;
   if (e->dead() && (parent = Ref<Entity>(e->parent()))) --parent->refs;
   type.destroy(e);
@@ -212,6 +247,7 @@ void EntityOps::destroy(Entity* e) {
 }
 
 bool EntityOps::copyAttributes(Entity& to, const Entity& from) {
+  check(to.type().is(from.type()), "attributes are copied to the same type");
   if (!to.mayChange()) return false;
   for (const FieldInfo& f : from.type().fields) {
     if (f.marks & kConstructor) continue;

@@ -19,7 +19,9 @@ TraceFacility& trace() {
 // Some mounts, and whom to tell when they are there.
 class Client::Group final : public MountGroup, private Task {
  public:
-  explicit Group(Client& client) : Task("MountGroup"), client_(&client) {}
+  explicit Group(Client& client) : Task("MountGroup"), client_(&client) {
+    client.groups_.push_back(this);
+  }
   ~Group() override {
     if (!client_) return;
     for (Mount& m : client_->mounts_)
@@ -31,7 +33,8 @@ class Client::Group final : public MountGroup, private Task {
   void close(std::function<void(MountStatus)> done) override {
     done_ = std::move(done);
     waiting_ = requests().size();
-    client_->groups_.push_back(this);
+    if (!client_) return settled(MountStatus::linkLost);
+    closed_ = true;
     // Immediate ones first: the hub serves in the order of asking.
     for (bool immediate : {true, false})
       for (const MountRequest& m : requests())
@@ -48,13 +51,13 @@ class Client::Group final : public MountGroup, private Task {
   }
   // At a cut: everything that was mounted can be read.
   void cut() {
-    if (waiting_ == 0) settled(status_);
+    if (closed_ && waiting_ == 0) settled(status_);
   }
 
  private:
   void settled(MountStatus status) {
+    closed_ = false;
     status_ = status;
-    if (client_) std::erase(client_->groups_, this);
     wake();
   }
   bool run(Slice&) override {
@@ -65,6 +68,7 @@ class Client::Group final : public MountGroup, private Task {
   Client* client_;
   MountStatus status_ = MountStatus::success;
   size_t waiting_ = 0;
+  bool closed_ = false;  // and not settled
   std::function<void(MountStatus)> done_;
 };
 

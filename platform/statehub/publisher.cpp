@@ -143,8 +143,8 @@ bool Publisher::encodeFeed(Feed& feed, Encoder& out, size_t limit) {
     } else if (e->dead()) {
       Entity* container = e->parent();
       if (wantsRemoval(*e) && !container->dead() && visible(*e))
-        encodeRemoval(out, *container, e->owner()->info(), e->type(), e->keyData(), e->generation(),
-                      0);
+        encodeRemoval(out, *container, e->owner()->info(), e->type(), e->keyData(),
+                      itemGeneration(*e), 0);
       removalSent(*e);
       forget(out, *e);
     } else {

@@ -1,0 +1,587 @@
+// The link between a hub and participants, over socketpairs in one process: mounts, changes both
+// ways, order at cuts, acknowledgement, refusal and repair, private places, loss and return,
+// hostile bytes.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <map>
+#include <random>
+
+#include "platform/activity/activity.h"
+#include "platform/model/agent.h"
+#include "platform/model/interface.h"
+#include "platform/model/routing.h"
+#include "platform/model/wellknown.h"
+#include "platform/qel/reactor.h"
+#include "platform/statehub/entity_manager.h"
+#include "platform/statehub/hub.h"
+
+namespace ryx::platform {
+namespace {
+
+using Interface::EthLagIntfConfigDir;
+using Interface::EthLagIntfStatusDir;
+
+// Runs until nothing moves any more, on either side of any socket.
+void settle() {
+  for (int quiet = 0; quiet < 3;) {
+    uint64_t before = activity().counters().descriptorEvents + activity().counters().tasks;
+    activity().run(0);
+    quiet = activity().counters().descriptorEvents + activity().counters().tasks == before
+                ? quiet + 1
+                : 0;
+  }
+}
+
+struct Peer {
+  std::unique_ptr<EntityManager> em;
+  std::unique_ptr<MountGroup> group;
+  MountStatus status = MountStatus::pending;
+
+  void mount(std::vector<MountRequest> requests) {
+    group = em->mountGroup();
+    status = MountStatus::pending;
+    for (auto& r : requests) group->add(r.path, r.typeName, r.mode);
+    group->close([this](MountStatus s) { status = s; });
+    settle();
+  }
+};
+
+class LinkTest : public ::testing::Test {
+ protected:
+  LinkTest() { makeWellKnown(tree); }
+  int socket() {
+    int fds[2];
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+    hub->accept(fds[0]);
+    return fds[1];
+  }
+  Peer peer(const char* name, std::vector<MountRequest> mounts) {
+    Peer p;
+    p.em = EntityManager::overSocket(socket(), name);
+    if (!mounts.empty()) p.mount(std::move(mounts));
+    return p;
+  }
+
+  Tree tree;
+  std::unique_ptr<Hub> hub = std::make_unique<Hub>(tree);
+};
+
+IntfId lag(int n) {
+  IntfId id;
+  EXPECT_TRUE(parse("Port-Channel" + std::to_string(n), &id));
+  return id;
+}
+const MountRequest kLagConfig{"interface/config/eth/lag", "Interface::EthLagIntfConfigDir", "w"};
+const MountRequest kLagStatus{"interface/status/eth/lag", "Interface::EthLagIntfStatusDir", "r"};
+const MountRequest kAgentStatus{"daemon/agent/status", "Qel::Dir", "wi"};
+const MountRequest kInput{"routing/vrf/input", "Qel::Dir", "wi"};
+
+// What a follower of a journal believes to be there, from what it is told alone.
+class Mirror : public JournalReactor {
+ public:
+  explicit Mirror(Journal& journal, bool deep = false) : JournalReactor("Mirror") {
+    follow(journal, deep);
+  }
+  std::map<Entity*, int> alive;
+  int created = 0, changed = 0, deleted = 0;
+
+ protected:
+  void onEntity(Entity& e, Change c) override {
+    if (c == Change::deleted) {
+      ++deleted;
+      EXPECT_EQ(1u, alive.erase(&e));
+    } else {
+      ++(c == Change::created ? created : changed);
+      EXPECT_EQ(c == Change::created, alive.insert({&e, 1}).second);
+    }
+  }
+};
+
+TEST_F(LinkTest, MountsDeliverWhatIsThereAndEveryLaterChange) {
+  auto* status = tree.find<EthLagIntfStatusDir>("interface/status/eth/lag");
+  status->intf.create(lag(1))->operStatus.set(1);
+  Peer a = peer("a", {kLagStatus});
+  ASSERT_EQ(MountStatus::success, a.status);
+  auto* mine = a.em->find<EthLagIntfStatusDir>("interface/status/eth/lag");
+  ASSERT_TRUE(mine && mine->intf.find(lag(1)));
+  EXPECT_EQ(1, mine->intf.find(lag(1))->operStatus());
+  Mirror mirror(mine->journal);
+  settle();
+  EXPECT_EQ(1, mirror.created);
+
+  status->intf.find(lag(1))->operStatus.set(2);
+  status->intf.find(lag(1))->operStatus.set(
+      0);  // back to the default: an attribute that is not sent
+  status->intf.create(lag(2))->deviceName.set("po2");
+  settle();
+  EXPECT_EQ(0, mine->intf.find(lag(1))->operStatus());
+  EXPECT_EQ("po2", mine->intf.find(lag(2))->deviceName());
+  EXPECT_EQ(1, mirror.changed);
+
+  // A key deleted and made again is another entity; one made and deleted unseen is none.
+  status->intf.erase(lag(1));
+  status->intf.create(lag(1))->operStatus.set(7);
+  status->intf.create(lag(3));
+  status->intf.erase(lag(3));
+  settle();
+  EXPECT_EQ(7, mine->intf.find(lag(1))->operStatus());
+  EXPECT_EQ(1, mirror.deleted);
+  EXPECT_EQ(3, mirror.created);
+  EXPECT_EQ(2u, mine->intf.size());
+}
+
+TEST_F(LinkTest, MountFailuresCarryTheirStatus) {
+  struct Case {
+    MountRequest request;
+    MountStatus status;
+  } cases[] = {
+      {{"no/such/place", "Qel::Dir", "r"}, MountStatus::noSuchPath},
+      {{"interface/status/eth/lag", "Qel::Dir", "r"}, MountStatus::wrongType},
+      {{"interface/status/eth/lag", "No::Such", "r"}, MountStatus::wrongType},
+      {{"interface/status/eth/lag", "Interface::EthLagIntfStatusDir", "x"}, MountStatus::badMode},
+      {{"my/own/place", "Qel::Dir", "wc"}, MountStatus::refused},
+  };
+  for (auto& c : cases) {
+    Peer p = peer("a", {kLagStatus, c.request});
+    EXPECT_EQ(c.status, p.status) << c.request.path << " " << c.request.typeName;
+  }
+}
+
+TEST_F(LinkTest, WritesReachTheHubAndTheOthersButNotTheirWriter) {
+  Peer a = peer("a", {kLagConfig}), b = peer("b", {kLagConfig});
+  auto* da = a.em->find<EthLagIntfConfigDir>("interface/config/eth/lag");
+  auto* db = b.em->find<EthLagIntfConfigDir>("interface/config/eth/lag");
+  auto* hd = tree.find<EthLagIntfConfigDir>("interface/config/eth/lag");
+  Mirror seenByA(da->journal), seenByB(db->journal);
+  da->intf.create(lag(5))->description.set("first");
+  settle();
+  ASSERT_TRUE(hd->intf.find(lag(5)));
+  EXPECT_EQ("first", hd->intf.find(lag(5))->description());
+  EXPECT_EQ("first", db->intf.find(lag(5))->description());
+  EXPECT_EQ(a.em->batches(), a.em->acknowledged());
+
+  // Two writers of two attributes of one entity: neither undoes the other's.
+  da->intf.find(lag(5))->description.set("from a");
+  db->intf.find(lag(5))->adminEnabledStateLocal.set(2);
+  settle();
+  for (auto* d : {da, db, hd}) {
+    EXPECT_EQ("from a", d->intf.find(lag(5))->description());
+    EXPECT_EQ(2, d->intf.find(lag(5))->adminEnabledStateLocal());
+  }
+  // Of one attribute: all end with the same value.
+  da->intf.find(lag(5))->description.set("one");
+  db->intf.find(lag(5))->description.set("two");
+  settle();
+  EXPECT_EQ(hd->intf.find(lag(5))->description(), da->intf.find(lag(5))->description());
+  EXPECT_EQ(hd->intf.find(lag(5))->description(), db->intf.find(lag(5))->description());
+
+  EXPECT_EQ(1, seenByA.created);
+  EXPECT_EQ(0, seenByA.deleted);
+  db->intf.erase(lag(5));
+  settle();
+  EXPECT_EQ(nullptr, da->intf.find(lag(5)));
+  EXPECT_EQ(nullptr, hd->intf.find(lag(5)));
+  EXPECT_EQ(1, seenByA.deleted);
+  EXPECT_EQ(1, seenByB.deleted);
+}
+
+TEST_F(LinkTest, BothCreateOneKeyAtOnce) {
+  Peer a = peer("a", {kLagConfig}), b = peer("b", {kLagConfig});
+  auto* da = a.em->find<EthLagIntfConfigDir>("interface/config/eth/lag");
+  auto* db = b.em->find<EthLagIntfConfigDir>("interface/config/eth/lag");
+  auto* hd = tree.find<EthLagIntfConfigDir>("interface/config/eth/lag");
+  da->intf.create(lag(1))->description.set("a's");
+  db->intf.create(lag(1))->adminEnabledStateLocal.set(1);
+  settle();
+  for (auto* d : {da, db, hd}) {
+    ASSERT_TRUE(d->intf.find(lag(1)));
+    EXPECT_EQ("a's", d->intf.find(lag(1))->description());
+    EXPECT_EQ(1, d->intf.find(lag(1))->adminEnabledStateLocal());
+  }
+  // One deletes it while the other writes it: the deletion holds everywhere.
+  db->intf.erase(lag(1));
+  da->intf.find(lag(1))->description.set("late");
+  settle();
+  for (auto* d : {da, db, hd}) EXPECT_EQ(nullptr, d->intf.find(lag(1)));
+}
+
+TEST_F(LinkTest, WhatTheHubRefusesIsRepaired) {
+  auto* status = tree.find<EthLagIntfStatusDir>("interface/status/eth/lag");
+  status->intf.create(lag(1))->operStatus.set(1);
+  MountRequest greedy = kLagStatus;
+  greedy.mode = "w";  // a mode grants nothing
+  Peer a = peer("a", {greedy}), other = peer("other", {kLagStatus});
+  auto* mine = a.em->find<EthLagIntfStatusDir>("interface/status/eth/lag");
+  auto* others = other.em->find<EthLagIntfStatusDir>("interface/status/eth/lag");
+  Mirror undisturbed(others->journal);
+  settle();
+  // Past the participant's own guard (no WriterScope), as hostile code would.
+  mine->intf.find(lag(1))->operStatus.set(2);
+  mine->intf.create(lag(9));
+  settle();
+  EXPECT_EQ(1, mine->intf.find(lag(1))->operStatus());
+  EXPECT_EQ(nullptr, mine->intf.find(lag(9)));
+  mine->intf.erase(lag(1));
+  settle();
+  ASSERT_TRUE(mine->intf.find(lag(1)));
+  EXPECT_EQ(1, mine->intf.find(lag(1))->operStatus());
+  EXPECT_EQ(1, status->intf.find(lag(1))->operStatus());
+  EXPECT_EQ(3u, hub->counters().refusedWrites);
+  EXPECT_EQ(1, undisturbed.created);
+  EXPECT_EQ(0, undisturbed.changed + undisturbed.deleted);
+  // Its own guard says no at once, and nothing changes.
+  WriterScope as(*a.em);
+  EXPECT_FALSE(mine->intf.find(lag(1))->operStatus.set(2));
+  EXPECT_EQ(nullptr, mine->intf.create(lag(9)));
+  EXPECT_FALSE(mine->intf.erase(lag(1)));
+  EXPECT_EQ(3u, a.em->refusals());
+}
+
+TEST_F(LinkTest, TablesInEntitiesAndOwnEntities) {
+  Peer a = peer("a", {kAgentStatus}), b = peer("b", {kAgentStatus});
+  auto* da = a.em->find<Dir>("daemon/agent/status");
+  auto* db = b.em->find<Dir>("daemon/agent/status");
+  {
+    WriterScope as(*a.em);
+    auto* own = da->entry.create<GenericAgent::Status>("a");
+    ASSERT_TRUE(own);
+    EXPECT_TRUE(own->data.set("k1", "v1"));
+    EXPECT_TRUE(own->data.set("k2", std::string(10000, 'x')));
+    own->running.set(true);
+    EXPECT_EQ(nullptr, da->entry.create<GenericAgent::Status>("b"));
+  }
+  settle();
+  auto* seen = db->entry.find<GenericAgent::Status>("a");
+  ASSERT_TRUE(seen);
+  EXPECT_TRUE(seen->running());
+  ASSERT_TRUE(seen->data.get("k1"));
+  EXPECT_EQ("v1", *seen->data.get("k1"));
+  EXPECT_EQ(10000u, seen->data.get("k2")->size());
+  da->entry.find<GenericAgent::Status>("a")->data.erase("k1");
+  settle();
+  EXPECT_EQ(nullptr, seen->data.get("k1"));
+  Mirror mirror(db->journal);
+  settle();
+  da->entry.erase("a");
+  settle();
+  EXPECT_EQ(nullptr, db->entry.find("a"));
+  EXPECT_EQ(2, mirror.deleted);  // the table's entry and the entity
+}
+
+TEST_F(LinkTest, PrivatePlacesShowTheirOwnersAlone) {
+  tree.make<Dir>("routing/vrf/input/default");
+  Peer a = peer("a", {kInput}), b = peer("b", {kInput}), service = peer("", {kInput});
+  auto own = [](Peer& p, const char* name) {
+    auto* vrf = p.em->find<Dir>("routing/vrf/input/default");
+    return vrf ? vrf->entry.create<Routing::RouteInput>(name) : nullptr;
+  };
+  auto* ra = own(a, "RyxSdk-a");
+  ASSERT_TRUE(ra);
+  Routing::RouteKey key{IpPrefix(IpAddr::v4(0x0a000000), 8), 1};
+  ra->route.create(key, [](auto& r) { r.routeType.init(Routing::RouteType::drop); })->tag.set(42);
+  own(b, "RyxSdk-b")->route.create(key);
+  settle();
+  EXPECT_EQ(nullptr, b.em->find("routing/vrf/input/default/RyxSdk-a"));
+  auto* served = service.em->find<Routing::RouteInput>("routing/vrf/input/default/RyxSdk-a");
+  ASSERT_TRUE(served && served->route.find(key));
+  EXPECT_EQ(42u, served->route.find(key)->tag());
+  EXPECT_EQ(Routing::RouteType::drop, served->route.find(key)->routeType());
+  EXPECT_TRUE(service.em->find("routing/vrf/input/default/RyxSdk-b"));
+  // An agent's configuration outlives its process: the next one finds it.
+  a.em.reset();
+  settle();
+  Peer again = peer("a", {kInput});
+  auto* found = again.em->find<Routing::RouteInput>("routing/vrf/input/default/RyxSdk-a");
+  ASSERT_TRUE(found && found->route.find(key));
+  EXPECT_EQ(42u, found->route.find(key)->tag());
+  found->route.find(key)->tag.set(43);
+  settle();
+  EXPECT_EQ(43u, served->route.find(key)->tag());
+}
+
+TEST_F(LinkTest, ReactorsRunAtCutsAlone) {
+  Peer a = peer("a", {kLagStatus});
+  auto* mine = a.em->find<EthLagIntfStatusDir>("interface/status/eth/lag");
+  auto* status = tree.find<EthLagIntfStatusDir>("interface/status/eth/lag");
+  // Far more than a frame takes: a reactor that runs sees all of it or none.
+  class AllOrNothing : public JournalReactor {
+   public:
+    explicit AllOrNothing(EthLagIntfStatusDir& dir) : JournalReactor("AllOrNothing"), dir_(dir) {
+      follow(dir.journal);
+    }
+    size_t told = 0;
+    size_t least = SIZE_MAX;
+
+   protected:
+    void onEntity(Entity&, Change) override {
+      ++told;
+      least = std::min(least, dir_.intf.size());
+    }
+
+   private:
+    EthLagIntfStatusDir& dir_;
+  } reactor(*mine);
+  constexpr int kCount = 20000;
+  for (int i = 1; i <= kCount; ++i)
+    status->intf.create(lag(i))->deviceName.set("a name of some length");
+  settle();
+  EXPECT_EQ(size_t{kCount}, reactor.told);
+  EXPECT_EQ(size_t{kCount}, reactor.least);
+}
+
+TEST_F(LinkTest, LossAndReturnShowOnlyTheDifferences) {
+  auto* status = tree.find<EthLagIntfStatusDir>("interface/status/eth/lag");
+  tree.make<Dir>("routing/vrf/input/default");
+  for (int i = 1; i <= 5; ++i) status->intf.create(lag(i))->operStatus.set(1);
+  Peer a = peer("a", {kLagStatus, kLagConfig, kInput, kAgentStatus});
+  ASSERT_EQ(MountStatus::success, a.status);
+  auto* mine = a.em->find<EthLagIntfStatusDir>("interface/status/eth/lag");
+  auto* config = a.em->find<EthLagIntfConfigDir>("interface/config/eth/lag");
+  auto* input =
+      a.em->find<Dir>("routing/vrf/input/default")->entry.create<Routing::RouteInput>("RyxSdk-a");
+  auto route = [](uint32_t n) { return Routing::RouteKey{IpPrefix(IpAddr::v4(n << 8), 24), 1}; };
+  for (uint32_t i = 1; i <= 100; ++i) input->route.create(route(i))->tag.set(i);
+  auto* own = a.em->find<Dir>("daemon/agent/status")->entry.create<GenericAgent::Status>("a");
+  own->data.set("stays", "1");
+  own->data.set("goes", "1");
+  config->intf.create(lag(1))->description.set("before");
+  config->intf.create(lag(2))->description.set("goes");
+  settle();
+  Mirror mirror(mine->journal);
+  settle();
+  int lost = 0;
+  a.em->onLostIs([&] { ++lost; });
+
+  hub->dropAll();
+  settle();
+  EXPECT_EQ(1, lost);
+  EXPECT_FALSE(a.em->connected());
+  // Meanwhile: at the hub ...
+  status->intf.find(lag(1))->operStatus.set(2);
+  status->intf.erase(lag(2));
+  status->intf.erase(lag(3));
+  status->intf.create(lag(3))->operStatus.set(5);
+  status->intf.create(lag(6));
+  // ... and here.
+  for (uint32_t i = 1; i <= 50; ++i) input->route.erase(route(i));
+  input->route.find(route(60))->tag.set(0);
+  input->route.create(route(200))->tag.set(200);
+  own->data.erase("goes");
+  config->intf.find(lag(1))->description.set("after");
+  config->intf.erase(lag(2));
+  config->intf.create(lag(3))->description.set("new");
+  settle();
+
+  a.em->reconnected(socket());
+  settle();
+  EXPECT_TRUE(a.em->connected());
+  EXPECT_EQ(2, mine->intf.find(lag(1))->operStatus());
+  EXPECT_EQ(nullptr, mine->intf.find(lag(2)));
+  EXPECT_EQ(5, mine->intf.find(lag(3))->operStatus());
+  EXPECT_TRUE(mine->intf.find(lag(6)));
+  EXPECT_EQ(5 + 2, mirror.created);  // 3 anew, and 6
+  EXPECT_EQ(2, mirror.deleted);      // 2, and 3 as it was
+  EXPECT_EQ(1, mirror.changed);      // 1
+  auto* hubInput = tree.find<Routing::RouteInput>("routing/vrf/input/default/RyxSdk-a");
+  ASSERT_TRUE(hubInput);
+  EXPECT_EQ(51u, hubInput->route.size());
+  EXPECT_EQ(0u, hubInput->route.find(route(60))->tag());
+  EXPECT_EQ(99u, hubInput->route.find(route(99))->tag());
+  EXPECT_EQ(200u, hubInput->route.find(route(200))->tag());
+  auto* hubOwn = tree.find<GenericAgent::Status>("daemon/agent/status/a");
+  EXPECT_TRUE(hubOwn->data.get("stays"));
+  EXPECT_FALSE(hubOwn->data.get("goes"));
+  auto* hubConfig = tree.find<EthLagIntfConfigDir>("interface/config/eth/lag");
+  EXPECT_EQ("after", hubConfig->intf.find(lag(1))->description());
+  EXPECT_EQ(nullptr, hubConfig->intf.find(lag(2)));
+  EXPECT_EQ("new", hubConfig->intf.find(lag(3))->description());
+  EXPECT_EQ(51u, input->route.size());
+}
+
+TEST_F(LinkTest, ANewLifeOfTheHubGetsBackWhatItsParticipantsOwn) {
+  tree.make<Dir>("routing/vrf/input/default");
+  Peer a = peer("a", {kLagStatus, kInput, kAgentStatus});
+  auto* status = tree.find<EthLagIntfStatusDir>("interface/status/eth/lag");
+  status->intf.create(lag(1))->operStatus.set(1);
+  status->intf.create(lag(2))->operStatus.set(1);
+  auto* input =
+      a.em->find<Dir>("routing/vrf/input/default")->entry.create<Routing::RouteInput>("RyxSdk-a");
+  for (uint32_t i = 1; i <= 100; ++i)
+    input->route.create(Routing::RouteKey{IpPrefix(IpAddr::v4(i << 8), 24), 1})->tag.set(i);
+  a.em->find<Dir>("daemon/agent/status")
+      ->entry.create<GenericAgent::Status>("a")
+      ->data.set("k", "v");
+  settle();
+  Mirror mirror(a.em->find<EthLagIntfStatusDir>("interface/status/eth/lag")->journal);
+  settle();
+
+  Tree second;
+  makeWellKnown(second);
+  second.make<Dir>("routing/vrf/input/default");
+  second.find<EthLagIntfStatusDir>("interface/status/eth/lag")
+      ->intf.create(lag(1))
+      ->operStatus.set(1);
+  hub = std::make_unique<Hub>(second);
+  settle();
+  a.em->reconnected(socket());
+  settle();
+  auto* back = second.find<Routing::RouteInput>("routing/vrf/input/default/RyxSdk-a");
+  ASSERT_TRUE(back);
+  EXPECT_EQ(100u, back->route.size());
+  auto* own = second.find<GenericAgent::Status>("daemon/agent/status/a");
+  ASSERT_TRUE(own && own->data.get("k"));
+  EXPECT_EQ(2, mirror.created);
+  EXPECT_EQ(1, mirror.deleted);  // what was the same before and after is no news
+  EXPECT_EQ(0, mirror.changed);
+  a.em.reset();
+  hub.reset();
+}
+
+TEST_F(LinkTest, AReaderThatSleepsThroughMoreThanTheBoundEndsEqual) {
+  auto* status = tree.find<EthLagIntfStatusDir>("interface/status/eth/lag");
+  for (int i = 1; i <= 1000; ++i) status->intf.create(lag(i))->operStatus.set(1);
+  Peer a = peer("a", {kLagStatus});
+  auto* mine = a.em->find<EthLagIntfStatusDir>("interface/status/eth/lag");
+  Mirror mirror(mine->journal);
+  settle();
+  // Nothing runs meanwhile: ever-new keys come and go, and half of the old ones.
+  for (int i = 0; i < 200000; ++i) {
+    status->intf.create(lag(2000 + i));
+    status->intf.erase(lag(2000 + i));
+    if (i < 500) status->intf.erase(lag(2 * i + 1));
+  }
+  EXPECT_LE(status->journal.tombstones(), Journal::kMaxTombstones + 1);
+  EXPECT_GT(status->journal.overruns(), 0u);
+  settle();
+  EXPECT_EQ(500u, mine->intf.size());
+  EXPECT_EQ(500u, mirror.alive.size());
+  EXPECT_EQ(500, mirror.deleted);
+  EXPECT_EQ(0u, status->journal.tombstones());
+}
+
+TEST_F(LinkTest, ASecondConnectionUnderOneNameIsRefused) {
+  Peer a = peer("a", {kLagStatus});
+  Peer second = peer("a", {kLagStatus});
+  EXPECT_EQ(MountStatus::pending, second.status);
+  EXPECT_FALSE(second.em->connected());
+  EXPECT_TRUE(a.em->connected());
+  EXPECT_EQ(1u, hub->counters().refusedNames);
+  // A dead one's place is free at once.
+  a.em.reset();
+  settle();
+  Peer third = peer("a", {kLagStatus});
+  EXPECT_EQ(MountStatus::success, third.status);
+}
+
+TEST_F(LinkTest, AnyBytesLeaveTheHubAndTheOthersAsTheyWere) {
+  Peer a = peer("a", {kLagConfig});
+  a.em->find<EthLagIntfConfigDir>("interface/config/eth/lag")
+      ->intf.create(lag(1))
+      ->description.set("x");
+  settle();
+  std::mt19937 random(20261124);
+  for (int round = 0; round < 300; ++round) {
+    int fd = socket();
+    std::string bytes;
+    if (round % 2 == 0) {
+      // A well-formed hello and mount first, so that what follows gets further in.
+      Encoder e;
+      e.u8(static_cast<uint8_t>(Op::hello));
+      e.varint(kWireMagic);
+      e.varint(kWireVersion);
+      e.text("evil");
+      e.u8(static_cast<uint8_t>(Op::mount));
+      e.varint(0);
+      e.varint(1);
+      e.text("interface/config/eth/lag");
+      e.text("Interface::EthLagIntfConfigDir");
+      e.text("w");
+      e.u8(0);
+      auto n = static_cast<uint32_t>(e.size());
+      bytes.append(reinterpret_cast<char*>(&n), 4);
+      bytes += e.bytes();
+    }
+    std::string junk(random() % 400, '\0');
+    for (char& c : junk) c = static_cast<char>(random() % 4 == 0 ? random() : random() % 40);
+    auto n = static_cast<uint32_t>(round % 7 == 0 ? random() : junk.size());
+    bytes.append(reinterpret_cast<char*>(&n), 4);
+    bytes += junk;
+    ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(fd, bytes.data(), bytes.size()));
+    settle();
+    close(fd);
+    settle();
+  }
+  EXPECT_GT(hub->counters().broken, 100u);
+  EXPECT_EQ(1u, hub->sessions());
+  auto* dir = tree.find<EthLagIntfConfigDir>("interface/config/eth/lag");
+  ASSERT_TRUE(dir->intf.find(lag(1)));
+  EXPECT_EQ("x", dir->intf.find(lag(1))->description());
+  EXPECT_TRUE(a.em->connected());
+}
+
+// Two writers of shared state, cuts and losses at random: in the end all three hold the same.
+TEST_F(LinkTest, RandomWritersEndEqual) {
+  for (unsigned seed = 1; seed <= 12; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    Peer peers[2] = {peer("a", {kLagConfig}), peer("b", {kLagConfig})};
+    auto* hd = tree.find<EthLagIntfConfigDir>("interface/config/eth/lag");
+    std::unique_ptr<Mirror> mirrors[2];
+    for (int i = 0; i < 2; ++i)
+      mirrors[i] = std::make_unique<Mirror>(
+          peers[i].em->find<EthLagIntfConfigDir>("interface/config/eth/lag")->journal);
+    for (int step = 0; step < 1500; ++step) {
+      EthLagIntfConfigDir* dirs[] = {
+          hd, peers[0].em->find<EthLagIntfConfigDir>("interface/config/eth/lag"),
+          peers[1].em->find<EthLagIntfConfigDir>("interface/config/eth/lag")};
+      auto& dir = *dirs[random() % 3];
+      IntfId key = lag(1 + static_cast<int>(random() % 20));
+      switch (random() % 8) {
+        case 0:
+          dir.intf.erase(key);
+          break;
+        case 1:
+        case 2:
+          dir.intf.create(key)->description.set(std::to_string(random() % 100));
+          break;
+        case 3:
+        case 4:
+          if (auto* e = dir.intf.find(key)) e->description.set(std::to_string(random() % 3));
+          break;
+        case 5:
+          if (auto* e = dir.intf.find(key))
+            e->adminEnabledStateLocal.set(static_cast<uint8_t>(random() % 3));
+          break;
+        case 6:
+          activity().run(0);
+          break;
+        case 7:
+          if (random() % 60 != 0) break;
+          hub->dropAll();
+          settle();
+          for (auto& p : peers) p.em->reconnected(socket());
+          break;
+      }
+    }
+    settle();
+    for (int i = 0; i < 2; ++i) {
+      auto* d = peers[i].em->find<EthLagIntfConfigDir>("interface/config/eth/lag");
+      EXPECT_EQ(hd->intf.size(), d->intf.size());
+      EXPECT_EQ(hd->intf.size(), mirrors[i]->alive.size());
+      for (auto it = hd->intf.iterator(); it; it.next()) {
+        auto* e = d->intf.find(it.key());
+        ASSERT_TRUE(e) << it.key().toString();
+        EXPECT_TRUE(EntityOps::equalAttributes(*it, *e))
+            << it.key().toString() << " " << it->description() << " " << e->description();
+      }
+      mirrors[i].reset();
+    }
+    for (auto& p : peers) p.em.reset();
+    settle();
+  }
+}
+
+}  // namespace
+}  // namespace ryx::platform

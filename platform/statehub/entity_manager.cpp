@@ -1,5 +1,7 @@
 #include "platform/statehub/entity_manager.h"
 
+#include <utility>
+
 #include "platform/activity/task.h"
 #include "platform/model/wellknown.h"
 #include "platform/statehub/authority.h"
@@ -46,8 +48,7 @@ class EmbeddedMountGroup final : public MountGroup, private Task {
     return em_.tree().make(m.path, *type) ? MountStatus::success : MountStatus::refused;
   }
   bool run(Slice&) override {
-    auto done = std::move(done_);
-    done(status_);
+    if (auto done = std::exchange(done_, nullptr)) done(status_);
     return false;
   }
 

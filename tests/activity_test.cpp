@@ -416,8 +416,12 @@ TEST_F(ActivityTest, CallbackThatHoldsTheLoopIsTracedByName) {
 }
 
 TEST_F(ActivityTest, WorkMarkedOutsideNudges) {
-  const int nudge = activity().nudgeDescriptor();
+  activity().run(0);
   CallTask task([] {});
+  task.wake();
+  const int nudge = activity().nudgeDescriptor();
+  EXPECT_TRUE(readable(nudge));  // whenever it is asked for
+  activity().run(0);
   EXPECT_FALSE(readable(nudge));
   std::thread([&] {
     ActivityLockGuard guard(activity().lock());

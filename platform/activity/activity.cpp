@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "platform/activity/activity_trace.h"
 #include "platform/base/check.h"
@@ -238,20 +239,22 @@ void Activity::fireTimers(const Run& run) {
 
 void Activity::serveDescriptors(Run& run) {
   if (listener_ || descriptors_.empty()) return;
-  if (!descriptors_.anyReady()) {
-    if (!pollIsDue(run)) return;
-    ++run.polls;
-    poll();
-  }
-  if (!descriptors_.anyReady()) return;
   Slice slice;
   DescriptorTable::Ready ready;
-  while (descriptors_.nextReady(&ready)) {
-    deliver(*descriptors_.find(ready.fd), ready.events);
-    if (run.stopped()) break;
-    if (slice.spent()) {
-      ++counters_.slicesSpent;
-      break;
+  // What an earlier turn left comes first, then what a new poll finds.
+  for (bool polled = false;;) {
+    if (descriptors_.nextReady(&ready)) {
+      deliver(*descriptors_.find(ready.fd), ready.events);
+      if (run.stopped()) break;
+      if (slice.spent()) {
+        ++counters_.slicesSpent;
+        break;
+      }
+    } else {
+      if (polled || !pollIsDue(run)) break;
+      poll();
+      polled = true;
+      ++run.polls;
     }
   }
   descriptors_.readyIsOld();
@@ -321,6 +324,7 @@ bool Activity::rest(const Run& run) {
 }
 
 [[gnu::noinline]] void Activity::wait(double until) {
+  if (nudged_) return;
   epoll_event events[DescriptorTable::kPollEvents];
   const bool external = listener_ != nullptr;
   if (!external && !descriptors_.prepare()) return poll();
@@ -370,13 +374,25 @@ void Activity::nudge() {
   if (nudged_) return;
   nudged_ = true;
   ++counters_.nudges;
+  if (nudgeIsWatched_ || waiting_ != 0) writeNudge();
+}
+
+void Activity::writeNudge() {
+  nudgeIsWritten_ = true;
   const uint64_t one = 1;
   check(::write(nudge_, &one, sizeof one) == sizeof one, "the nudge descriptor takes a nudge");
+}
+
+int Activity::nudgeDescriptor() {
+  nudgeIsWatched_ = true;
+  if (nudged_ && !nudgeIsWritten_) writeNudge();
+  return nudge_;
 }
 
 void Activity::drainNudge() {
   if (!nudged_) return;
   nudged_ = false;
+  if (!std::exchange(nudgeIsWritten_, false)) return;
   uint64_t count;
   check(::read(nudge_, &count, sizeof count) == sizeof count, "the nudge descriptor was nudged");
 }

@@ -18,6 +18,9 @@
 // (by another thread that holds the lock, or by a program with a loop of its own) makes the nudge
 // descriptor readable, which wakes a loop that waits.
 //
+// On a virtual clock (clock.h) a run that would wait moves the time to the next timer or to its
+// end; one that has neither waits for a descriptor or a nudge.
+//
 // Unless a function says otherwise, it is called with the activity lock held, or before there is a
 // second thread.
 #pragma once
@@ -108,8 +111,8 @@ class RYX_PRIVATE Activity {
   // Any thread.
   ActivityLock& lock() { return lock_; }
 
-  // Readable while work was marked that no run() has seen. Any thread.
-  int nudgeDescriptor() const { return nudge_; }
+  // Readable while work was marked that no run() has seen.
+  int nudgeDescriptor();
 
   // The earliest wake-up of all timers; infinity when none is armed.
   double nextWakeUp() const { return timers_.earliest(); }
@@ -150,6 +153,7 @@ class RYX_PRIVATE Activity {
   void descriptorGone(const Descriptor& descriptor);
 
   void nudge();
+  void writeNudge();
   void drainNudge();
 
   void runPending(Run& run);
@@ -196,6 +200,10 @@ class RYX_PRIVATE Activity {
 
   int nudge_ = -1;
   bool nudged_ = false;
+  // The system call is made where somebody can see it: once the descriptor was asked for, and while
+  // a loop waits.
+  bool nudgeIsWatched_ = false;
+  bool nudgeIsWritten_ = false;
 
   DescriptorListener* listener_ = nullptr;
   pthread_t host_ = 0;       // the thread of the program's own loop

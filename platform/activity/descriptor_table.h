@@ -109,7 +109,7 @@ class DescriptorTable {
 
   // The next that is ready, if it still is; false when there is none.
   bool nextReady(Ready* ready);
-  bool anyReady() const { return nextReady_ < ready_.size(); }
+  bool anyReady() const { return nextReady_ < ready_.size() && !entries_.empty(); }
   // The lock was out of our hands, or a callback took long: what is ready is to be looked at again.
   void readyIsOld() { readyIsFresh_ = false; }
 

@@ -9,6 +9,7 @@
 #include <random>
 
 #include "platform/activity/activity.h"
+#include "platform/base/clock.h"
 #include "platform/model/agent.h"
 #include "platform/model/interface.h"
 #include "platform/model/routing.h"
@@ -51,6 +52,7 @@ struct Peer {
 class LinkTest : public ::testing::Test {
  protected:
   LinkTest() { makeWellKnown(tree); }
+  VirtualClock time;  // no cut is forced unless a test lets time pass
   int socket() {
     int fds[2];
     EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));

@@ -147,6 +147,8 @@ bool Client::control(Op op, Decoder& d) {
       if (magic != kWireMagic || version != kWireVersion) return broken("another protocol");
       adopt_ = incarnation_ != 0 && incarnation != incarnation_;
       incarnation_ = incarnation;
+      if (adopt_)  // the generations of another life mean nothing: a removal is one of the key
+        for (Ref<Entity>& e : lostRemovals_) e->generationIs(kProvisional);
       return true;
     }
     case Op::mounted:
@@ -184,6 +186,7 @@ bool Client::mounted(Decoder& d) {
   if (id >= mounts_.size() || d.failed()) return broken("a mount that was not asked for");
   Mount& m = mounts_[id];
   m.answered = true;
+  wake();
   if (status != MountStatus::success) {
     RYX_TRACE(trace(), 0,
               "cannot mount " << m.request.path << " of type " << m.request.typeName << " in mode "
@@ -209,17 +212,29 @@ void Client::checkGroups() {
   for (Group* g : std::vector<Group*>(groups_)) g->cut();
 }
 
+// Whether a removal of that very entity is on its way, or has to go again.
+bool Client::removedHere(const Item& item) const {
+  auto same = [&](const Entity& e) {
+    return e.owner() == item.collection && item.type->keyKind->equal(e.keyData(), item.key) &&
+           ((e.generation() & kProvisional) || e.generation() == item.generation);
+  };
+  if (removalsOnTheWay_ != 0)
+    for (const Write& w : onTheWay_)
+      if (w.removal && same(*w.entity)) return true;
+  return std::any_of(lostRemovals_.begin(), lostRemovals_.end(),
+                     [&](const Ref<Entity>& e) { return same(*e); });
+}
+
 Applier::Verdict Client::judge(const Item& item, Entity* there) {
   replica_.clock().gated = true;
   bool forced = item.flags & kItemForced;
+  if (item.flags & kItemMade) {
+    if (there && (there->generation() & kProvisional)) there->generationIs(item.generation);
+    return {there, true, 0};
+  }
   dirtyBefore_ = there ? there->dirty() : 0;
   if (!there) {
-    if (!forced && removalsOnTheWay_ != 0)
-      for (const Write& w : onTheWay_)
-        if (w.removal && w.entity->owner() == item.collection &&
-            item.type->keyKind->equal(w.entity->keyData(), item.key))
-          return {nullptr, true, 0};
-    return {};
+    return {nullptr, !forced && removedHere(item), 0};
   }
   auto at = pending_.find(there);
   Pending pending = at == pending_.end() ? Pending() : at->second;
@@ -227,7 +242,7 @@ Applier::Verdict Client::judge(const Item& item, Entity* there) {
   if (forced) {
     dirtyBefore_ = 0;
     if (at != pending_.end()) pending_.erase(at);
-  } else if (pending.creation || !(there->flags & kUpstream)) {
+  } else if (pending.creation() || !(there->flags & kUpstream)) {
     return {there, true, 0};
   }
   if (provisional || adopt_) {
@@ -237,7 +252,7 @@ Applier::Verdict Client::judge(const Item& item, Entity* there) {
     dirtyBefore_ = 0;
     return {};
   }
-  return {there, false, forced ? 0 : dirtyBefore_ | pending.fields};
+  return {there, false, forced ? 0 : dirtyBefore_ | pending.fields()};
 }
 
 void Client::applied(Entity& e, const Item& item, bool made) {
@@ -251,8 +266,9 @@ void Client::remove(const Item& item, Entity* there) {
   if (!there) return;
   if (!(item.flags & kItemForced)) {
     auto at = pending_.find(there);
-    if (!(there->flags & kUpstream) || (at != pending_.end() && at->second.creation)) return;
-    if (!(there->generation() & kProvisional) && there->generation() != item.generation) return;
+    if (!(there->flags & kUpstream) || (at != pending_.end() && at->second.creation())) return;
+    // Of what is its own it may have never been told the generation.
+    if (there->generation() != item.generation && !ownAlone(*there)) return;
   }
   removeHere(*there);
 }
@@ -267,7 +283,7 @@ void Client::removeHere(Entity& e) {
 uint32_t Client::rootKeep(Entity& e) {
   replica_.clock().gated = true;
   auto at = pending_.find(&e);
-  return e.dirty() | (at == pending_.end() ? 0 : at->second.fields);
+  return e.dirty() | (at == pending_.end() ? 0 : at->second.fields());
 }
 
 // What is this participant's own stays, whatever the hub has of it; so does what it has yet to
@@ -283,7 +299,10 @@ void Client::settle(uint64_t batch) {
     onTheWay_.pop_front();
     removalsOnTheWay_ -= w.removal;
     auto at = pending_.find(w.entity.get());
-    if (at != pending_.end() && --at->second.writes == 0) pending_.erase(at);
+    if (w.removal || at == pending_.end()) continue;
+    auto& writes = at->second.writes;
+    std::erase_if(writes, [&](const Pending::One& one) { return one.batch <= w.batch; });
+    if (writes.empty()) pending_.erase(at);
   }
 }
 
@@ -313,10 +332,7 @@ void Client::sent(Entity& e, uint32_t fields) {
   }
   if (ownAlone(e)) return;  // nobody else writes it: nothing can cross
   onTheWay_.push_back({Ref<Entity>(&e), fields, batch_ + 1, creation, false});
-  Pending& p = pending_[&e];
-  p.fields |= fields;
-  p.creation |= creation;
-  ++p.writes;
+  pending_[&e].writes.push_back({batch_ + 1, fields, creation});
 }
 
 void Client::removalSent(Entity& e) {
@@ -348,8 +364,13 @@ void Client::encodeSome(bool* all) {
   out_.u8(static_cast<uint8_t>(Op::batch));
   out_.varint(batch_ + 1);
   size_t header = out_.size();
-  *all = encode(out_, kFrameTarget);
-  if (*all && resending_) encodeResent();
+  // After a loss nothing goes before every mount is answered; then the deletions that may not have
+  // arrived, since their keys may have been used again.
+  bool ready = !resending_ || std::all_of(mounts_.begin(), mounts_.end(),
+                                          [](const Mount& m) { return m.answered; });
+  if (ready) encodeLostRemovals();
+  *all = !ready || encode(out_, kFrameTarget);
+  if (ready && *all && resending_) encodeSweeps();
   if (out_.size() == header) {
     out_.truncate(start);
   } else {
@@ -360,22 +381,23 @@ void Client::encodeSome(bool* all) {
   if (out_.size() != 0) connection_->send(out_.bytes());
 }
 
-// When all that is its own was sent again: the end of its comparison, and the deletions that may
-// not have arrived.
-void Client::encodeResent() {
-  if (!std::all_of(mounts_.begin(), mounts_.end(), [](Mount& m) { return m.answered; })) return;
-  for (Ref<Entity>& root : std::exchange(ownRoots_, {})) {
-    if (root->dead()) continue;
-    uint32_t handle = containerHandle(out_, *root);
-    out_.u8(static_cast<uint8_t>(Op::sweep));
-    out_.varint(handle);
-  }
+void Client::encodeLostRemovals() {
   for (Ref<Entity>& e : std::exchange(lostRemovals_, {})) {
     Entity* container = e->parent();
     if (container && !container->dead())
       encodeRemoval(out_, *container, e->owner()->info(), e->type(), e->keyData(),
                     itemGeneration(*e), 0);
     removalSent(*e);
+  }
+}
+
+// All that is its own was sent again: what the hub has besides is gone.
+void Client::encodeSweeps() {
+  for (Ref<Entity>& root : std::exchange(ownRoots_, {})) {
+    if (root->dead()) continue;
+    uint32_t handle = containerHandle(out_, *root);
+    out_.u8(static_cast<uint8_t>(Op::sweep));
+    out_.varint(handle);
   }
   resending_ = false;
 }
@@ -394,7 +416,8 @@ void Client::reconnected(int fd) {
     if (w.removal) lostRemovals_.push_back(w.entity);
     if (w.entity->dead()) continue;
     w.entity->dirtyIs(w.entity->dirty() | w.fields);
-    if (w.creation) w.entity->flags &= static_cast<uint8_t>(~kUpstream);
+    if (w.creation)
+      w.entity->flags = static_cast<uint8_t>((w.entity->flags & ~kUpstream) | kPerhaps);
   }
   resending_ = true;
   Publisher::reset();

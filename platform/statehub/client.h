@@ -54,6 +54,8 @@ class RYX_PRIVATE Client final : public EntityManager,
   // Entity flags of this side (Applier has one too).
   static constexpr uint8_t kUpstream = 0x20;  // the hub has it
   static constexpr uint8_t kGone = 0x40;      // deleted because the hub said so
+  static constexpr uint8_t kPerhaps =
+      0x80;  // the hub may have it: it was sent to a connection that died
   // A creation of this side that the hub has not numbered yet.
   static constexpr uint64_t kProvisional = uint64_t{1} << 63;
 
@@ -72,10 +74,20 @@ class RYX_PRIVATE Client final : public EntityManager,
     bool creation;
     bool removal;
   };
+  // What is on its way of one entity, oldest first: each ends on its own.
   struct Pending {
-    uint32_t fields = 0;
-    uint32_t writes = 0;
-    bool creation = false;
+    struct One {
+      uint64_t batch;
+      uint32_t fields;
+      bool creation;
+    };
+    std::vector<One> writes;
+    uint32_t fields() const {
+      uint32_t all = 0;
+      for (const One& w : writes) all |= w.fields;
+      return all;
+    }
+    bool creation() const { return !writes.empty() && writes.front().creation; }
   };
 
   // --- Connection::Peer ---
@@ -97,7 +109,9 @@ class RYX_PRIVATE Client final : public EntityManager,
 
   // --- Publisher ---
   bool wants(Entity& e) override;
-  bool wantsRemoval(Entity& e) override { return (e.flags & (kUpstream | kGone)) == kUpstream; }
+  bool wantsRemoval(Entity& e) override {
+    return (e.flags & (kUpstream | kPerhaps)) && !(e.flags & kGone);
+  }
   bool visible(Entity&) override { return true; }
   uint8_t itemFlags(Entity& e) override;
   uint32_t itemFields(Entity& e) override { return e.flags & kUpstream ? e.dirty() : ~0u; }
@@ -111,11 +125,13 @@ class RYX_PRIVATE Client final : public EntityManager,
   // --- Task: sending ---
   bool run(Slice& slice) override;
   void encodeSome(bool* all);
-  void encodeResent();
+  void encodeLostRemovals();
+  void encodeSweeps();
 
   void hello();
   void sendMounts(Encoder& out);
   void removeHere(Entity& e);
+  bool removedHere(const Item& item) const;
   // Written by this participant alone: nothing that the hub says of it counts.
   bool ownAlone(Entity& e) { return owned_.of(agentName(), e, e.parent()) == Ownership::own; }
   void settle(uint64_t batch);

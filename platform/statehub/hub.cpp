@@ -110,15 +110,25 @@ class Hub::Session final : public Writer,
     return {there, !same, 0};  // a write to what is gone is lost with it
   }
   void applied(Entity& e, const Item& item, bool made) override {
-    if (made)
-      ++made_;
-    else if (item.flags & kItemCreate)
-      e.dirtyIs(0);  // it stood here already: its creator has to be told what it is
+    if (made) ++made_;
+    if (!(item.flags & kItemCreate) || owned_.of(name_, e, e.parent()) == Ownership::own) return;
+    // Others may delete it and make it anew: its creator is told at once which one is its own, and
+    // what it is, if it stood here already.
+    encodeMade(controls_, e);
+    if (!made) tellAgain(e);
   }
   void remove(const Item& item, Entity* there) override {
     openBatch();
-    if (!there || (item.generation != 0 && item.generation != there->generation())) return;
-    if (!there->owner()->remove(*there)) refused(item, there, true);
+    if (!there) return;
+    if (item.generation != 0 && item.generation != there->generation())
+      tellAgain(*there);  // made anew meanwhile; its remover may have passed that over
+    else if (!there->owner()->remove(*there))
+      refused(item, there, true);
+  }
+  void tellAgain(Entity& e) {
+    if (e.type().journalOffset) e.childJournal()->rootTouched();
+    e.owner()->journal()->touched(e);
+    e.dirtyIs(0);
   }
   void sweep(Entity& e) override { EntityOps::remove(e); }
   // A participant compares what is its own: everything else stays.
@@ -155,6 +165,8 @@ class Hub::Session final : public Writer,
         return mount(d);
       case Op::batch:
         applied_ = d.varint();
+        controls_.u8(static_cast<uint8_t>(Op::applied));
+        controls_.varint(applied_);
         openBatch();
         return true;
       case Op::cut:
@@ -254,11 +266,6 @@ class Hub::Session final : public Writer,
     while (connection_->open() && connection_->unsent() < kSendAhead) {
       out_.clear();
       std::swap(out_.buffer(), controls_.buffer());
-      if (applied_ > appliedTold_) {
-        appliedTold_ = applied_;
-        out_.u8(static_cast<uint8_t>(Op::applied));
-        out_.varint(applied_);
-      }
       encodeRepairs();
       bool all = encode(out_, kFrameTarget);
       if (starting() == 0) {
@@ -325,7 +332,7 @@ class Hub::Session final : public Writer,
   bool resends_ = false;
   bool cutOwed_ = false;
   double lastCut_ = 0;
-  uint64_t applied_ = 0, appliedTold_ = 0, acked_ = 0;
+  uint64_t applied_ = 0, acked_ = 0;
   uint64_t made_ = 0;
   uint32_t mounts_ = 0;
   std::vector<uint64_t> unsynced_;

@@ -212,6 +212,10 @@ void Publisher::encodeItem(Encoder& out, Entity& e, uint8_t extraFlags) {
   if (flags & kItemHandle) out.varint(handles_.at(&e).handle);
   out.varint(itemGeneration(e));
   type.keyKind->encode(out, e.keyData());
+  if (flags & kItemMade) {
+    out.u8(0);
+    return;
+  }
   encodeFields(out, e, flags & kItemWhole ? ~0u : itemFields(e),
                flags & (kItemWhole | kItemCreate));
 }
@@ -263,6 +267,10 @@ void Publisher::encodeRemoval(Encoder& out, Entity& container, const CollectionI
   out.varint(type.id);
   out.varint(generation);
   type.keyKind->encode(out, key);
+}
+
+void Publisher::encodeMade(Encoder& out, Entity& e) {
+  encodeItem(out, e, kItemMade);
 }
 
 void Publisher::encodeForcedRoot(Encoder& out, Entity& root) {

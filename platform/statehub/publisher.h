@@ -47,6 +47,8 @@ class RYX_PRIVATE Publisher {
   // One entity, in full, to hold against whatever the peer has written; and all below it.
   void encodeForced(Encoder& out, Entity& e, bool withChildren);
   void encodeForcedRoot(Encoder& out, Entity& root);
+  // Tells the peer the generation of what it made.
+  void encodeMade(Encoder& out, Entity& e);
   // The number of a container that the peer knows, or is told here and now.
   uint32_t containerHandle(Encoder& out, Entity& container);
   void encodeRemoval(Encoder& out, Entity& container, const CollectionInfo& collection,

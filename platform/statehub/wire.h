@@ -39,6 +39,7 @@ inline constexpr uint8_t kItemWhole = 1;   // attributes that are not there have
 inline constexpr uint8_t kItemHandle = 2;  // a number for this entity as a container follows
 inline constexpr uint8_t kItemCreate = 4;  // the sender made it (else it is one that it was sent)
 inline constexpr uint8_t kItemForced = 8;  // holds against writes that are on their way
+inline constexpr uint8_t kItemMade = 16;   // the receiver made it: its generation, nothing else
 
 // Named bounds.
 inline constexpr size_t kMaxFrame = 1 << 20;       // bytes of one frame's payload

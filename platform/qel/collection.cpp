@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -39,6 +40,7 @@ CollectionBase::~CollectionBase() {
   }
   for (uint32_t i = 0; i < table_->used; ++i)
     if (Entity* e = table_->entries[i]) {
+      check(!e->prev, "what stands in a tree is removed before its parent goes");
       e->owner_ = nullptr;
       Ref<Entity> last(e);
       --e->refs;
@@ -89,6 +91,7 @@ void CollectionBase::rebuild(uint32_t capacity) {
       }
     t.used = to;
   }
+  t.first = 0;
   if (capacity != t.capacity) {
     t.entries = resized(t.entries, capacity);
     t.hashes = resized(t.hashes, capacity);
@@ -117,6 +120,7 @@ Entity* CollectionBase::add(const Ref<Entity>& child) {
 }
 
 Entity* CollectionBase::addHashed(const Ref<Entity>& child, uint64_t hash) {
+  check(!child->owner_ && child->type().keyKind, "an entity stands in one place, once, by its key");
   if (journal_ && !journal_->admits(*child, owner_)) return nullptr;
   grow();
   Table& t = *table_;
@@ -130,19 +134,39 @@ Entity* CollectionBase::addHashed(const Ref<Entity>& child, uint64_t hash) {
   ++e.refs;
   e.owner_ = this;
   e.slot_ = place;
-  const TypeInfo& type = e.type();
-  if (journal_) {
-    if (type.journalOffset) {
-      auto* own = static_cast<Journal*>(e.at(type.journalOffset));
-      own->bind(journal_->clock(), &e);
-      for (const CollectionInfo& c : type.collections) e.collection(c).enterJournal(own);
-    } else {
-      for (const CollectionInfo& c : type.collections) e.collection(c).enterJournal(journal_);
-    }
-    journal_->touched(e);
-    if (e.generation_ == 0) e.generation_ = e.version;
-  }
+  if (journal_) enter(e, journal_);
   return &e;
+}
+
+// It stands in a tree now, in that journal, and so does what it holds already.
+void CollectionBase::enter(Entity& e, Journal* journal) {
+  journal->touched(e);
+  if (e.generation_ == 0) e.generation_ = e.version;
+  const TypeInfo& type = e.type();
+  if (type.collections.empty()) return;
+  Journal* inner = journal;
+  if (type.journalOffset) {
+    inner = static_cast<Journal*>(e.at(type.journalOffset));
+    inner->bind(journal->clock(), &e);
+  }
+  for (const CollectionInfo& c : type.collections) {
+    CollectionBase& collection = e.collection(c);
+    collection.enterJournal(inner);
+    if (!collection.table_) continue;
+    for (uint32_t i = 0; i < collection.table_->used; ++i)
+      if (Entity* below = collection.table_->entries[i]) enter(*below, inner);
+  }
+}
+
+// It stands in no tree any more: all below it goes, and what is written to it from now on is
+// nobody's business.
+void CollectionBase::leave(Entity& e) {
+  const TypeInfo& type = e.type();
+  for (const CollectionInfo& c : type.collections) {
+    e.collection(c).removeAll();
+    e.collection(c).enterJournal(nullptr);
+  }
+  if (type.journalOffset) static_cast<Journal*>(e.at(type.journalOffset))->bind(nullptr, &e);
 }
 
 void CollectionBase::takeOut(Entity& child) {
@@ -155,11 +179,20 @@ void CollectionBase::takeOut(Entity& child) {
   t.slots[at] = t.slots[(at + 1) & t.slotMask] == 0 ? 0 : kGone;
   t.entries[place] = nullptr;
   --t.live;
-  if (t.live == 0 && t.used > 64) {  // a table that emptied gives its memory back
-    for (CollectionIterator* it = t.iterators; it; it = it->nextIterator_) it->place_ = 0;
-    t.used = 0;
-    rebuild(4);
-  }
+  if (t.live == 0) return clear();
+  while (!t.entries[t.first]) ++t.first;
+  // A table that shrank gives its memory back.
+  if (t.capacity > 64 && t.live < t.capacity / 8) rebuild(t.capacity / 4);
+}
+
+// Nothing is left in it.
+void CollectionBase::clear() {
+  Table& t = *table_;
+  for (CollectionIterator* it = t.iterators; it; it = it->nextIterator_) it->place_ = 0;
+  t.used = 0;
+  if (t.capacity > 64) return rebuild(4);
+  t.first = 0;
+  std::memset(t.slots, 0, (size_t(t.slotMask) + 1) * sizeof(uint64_t));
 }
 
 // From now on it keeps the entity that it was in: whoever hears of the deletion may ask where.
@@ -169,9 +202,10 @@ void CollectionBase::markDead(Entity& child) {
 }
 
 bool CollectionBase::remove(Entity& child) {
+  check(child.owner_ == this && !child.dead(), "an entity is removed from where it stands");
   if (journal_ && !journal_->admits(child, owner_)) return false;
   Ref<Entity> hold(&child);
-  for (const CollectionInfo& c : child.type().collections) child.collection(c).removeAll();
+  leave(child);
   takeOut(child);
   --child.refs;  // the table's; `hold` and, from now on, the journal keep it
   markDead(child);
@@ -185,22 +219,21 @@ void CollectionBase::removeAll() {
     Entity* e = table_->entries[i];
     if (!e) continue;
     Ref<Entity> hold(e);
-    for (const CollectionInfo& c : e->type().collections) e->collection(c).removeAll();
+    leave(*e);
     table_->entries[i] = nullptr;
     --table_->live;
     --e->refs;
     markDead(*e);
     if (journal_) journal_->died(*e);
   }
-  for (CollectionIterator* it = table_->iterators; it; it = it->nextIterator_) it->place_ = 0;
-  table_->used = 0;
-  rebuild(4);
+  clear();
 }
 
 // --- iterators ----------------------------------------------------------------------------------
 
 CollectionIterator::CollectionIterator(const CollectionBase& collection)
-    : collection_(&collection) {
+    : collection_(collection.table_ ? &collection : nullptr) {
+  if (!collection_) return;  // nothing was ever in it
   enter();
   settle();
 }
@@ -221,7 +254,7 @@ CollectionIterator& CollectionIterator::operator=(const CollectionIterator& o) {
 }
 
 void CollectionIterator::enter() {
-  if (!collection_ || !collection_->table_) return;
+  if (!collection_) return;
   auto& head = collection_->table_->iterators;
   nextIterator_ = head;
   link_ = &head;
@@ -238,17 +271,18 @@ void CollectionIterator::leave() {
 }
 
 void CollectionIterator::settle() {
-  if (!collection_) return;
-  const auto* t = collection_->table_;
-  while (t && place_ < t->used && !t->entries[place_]) ++place_;
-  current_ = t && place_ < t->used ? Ref<Entity>(t->entries[place_]) : Ref<Entity>();
+  const auto& t = *collection_->table_;
+  place_ = std::max(place_, t.first);
+  while (place_ < t.used && !t.entries[place_]) ++place_;
+  current_ = place_ < t.used ? Ref<Entity>(t.entries[place_]) : Ref<Entity>();
 }
 
 void CollectionIterator::next() {
+  if (!collection_) return;
   // While its element is in the table the iterator stands on it; otherwise on the first place
   // behind.
-  const auto* t = collection_ ? collection_->table_ : nullptr;
-  if (t && place_ < t->used && t->entries[place_] == current_.get()) ++place_;
+  const auto& t = *collection_->table_;
+  if (place_ < t.used && t.entries[place_] == current_.get()) ++place_;
   settle();
 }
 

@@ -33,7 +33,8 @@ class RYX_PRIVATE CollectionBase {
   Entity* findErased(const void* key, const Kind& kind) const {
     return findHashed(kind.hash(key), key);
   }
-  // Puts it in, with its key set; null when the key is taken or the writer may not.
+  // Puts it in, with its key set and whatever is in its own collections; null when the key is taken
+  // or the writer may not. It has stood in no tree before.
   Entity* add(const Ref<Entity>& child);
   Entity* addHashed(const Ref<Entity>& child, uint64_t hash);
   // Takes it out with all below it. False when the writer may not.
@@ -54,6 +55,7 @@ class RYX_PRIVATE CollectionBase {
     uint32_t* hashes = nullptr;
     uint64_t* slots = nullptr;  // open addressing: 0 empty, kGone, or 16 bits of hash and entity
     uint32_t capacity = 0;      // of entries
+    uint32_t first = 0;         // before it there are holes alone
     uint32_t used = 0;          // entries appended, holes included
     uint32_t live = 0;
     uint32_t slotMask = 0;
@@ -66,8 +68,11 @@ class RYX_PRIVATE CollectionBase {
     return uint64_t{hash >> 16} << 48 | reinterpret_cast<uintptr_t>(e);
   }
 
+  static void enter(Entity& e, Journal* journal);
+  static void leave(Entity& e);
   void grow();
   void rebuild(uint32_t capacity);
+  void clear();
   void insertSlot(uint32_t hash, const Entity* e);
   void takeOut(Entity& child);
   void markDead(Entity& child);

@@ -15,9 +15,7 @@ std::string_view step(std::string_view* path) {
 
 Entity* DirEntries::create(const TypeInfo& type, const Name& name) {
   if (Entity* there = find(name)) return there->type().is(type) ? there : nullptr;
-  check(type.keyKind == &kindOf<Name>() || type.keyKind == nullptr ||
-            std::string_view(type.keyKind->name) == "name",
-        "what stands in a directory is keyed by its name");
+  if (!type.keyedByName) return nullptr;
   Ref<Entity> child = EntityOps::make(type);
   *static_cast<Name*>(child->at(type.keyOffset)) = name;
   return addHashed(child, name.hash());
@@ -37,6 +35,9 @@ Tree::~Tree() {
   };
   detach(detach, *root_);
   clock_.openGate();
+  root_->entry.removeAll();
+  root_->entry.enterJournal(nullptr);
+  root_->journal.bind(nullptr, root_.get());
 }
 
 Entity* Tree::find(std::string_view path) {
@@ -51,6 +52,7 @@ Entity* Tree::find(std::string_view path) {
 
 Entity* Tree::make(std::string_view path, const TypeInfo& type) {
   Entity* at = root_.get();
+  if (!type.keyedByName) return nullptr;
   for (std::string_view s = step(&path); !s.empty();) {
     Dir* dir = at->as<Dir>();
     if (!dir) return nullptr;

@@ -19,8 +19,8 @@ class RYX_PRIVATE DirEntries : public CollectionBase {
       TypeBuilder::current->collection("entry", nullptr, this, kPlain);
   }
   Entity* find(const Name& name) const { return findHashed(name.hash(), &name); }
-  // The one there is if it is of that type, or a new one; null when it is of another type, or the
-  // writer may not create it.
+  // The one there is if it is of that type, or a new one; null when it is of another type, the type
+  // is not keyed by a name, or the writer may not create it.
   Entity* create(const TypeInfo& type, const Name& name);
   template <class T>
   T* create(const Name& name) {
@@ -60,7 +60,8 @@ class RYX_PRIVATE Tree {
     return e ? e->as<T>() : nullptr;
   }
   // The same, made of directories and, last, an entity of `type` as far as it is missing. Null when
-  // something on the way is no directory, or the last is of another type.
+  // something on the way is no directory, the last is of another type or of one that is not keyed
+  // by a name, or the writer may not.
   Entity* make(std::string_view path, const TypeInfo& type);
   template <class T>
   T* make(std::string_view path) {

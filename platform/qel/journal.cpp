@@ -16,11 +16,18 @@ void linkBefore(JournalNode& n, JournalNode& before) {
   before.prev = &n;
 }
 
+// A cursor's aim: an entity, or the mark that stands for the root.
 bool isItem(const JournalNode* n) {
-  return n->typeId >= JournalNode::kFirstType;
+  return n->typeId >= JournalNode::kSelf;
+}
+
+bool isTombstone(const JournalNode* n) {
+  return n->typeId >= JournalNode::kFirstType && static_cast<const Entity*>(n)->dead();
 }
 
 }  // namespace
+
+uint64_t Writer::lastNumber = 0;
 
 // --- Journal ------------------------------------------------------------------------------------
 
@@ -35,18 +42,8 @@ void Journal::detachAll() {
 }
 
 Journal::~Journal() {
-  detachAll();
-  if (self_.prev) unlink(self_);
-  for (JournalNode* n = end_.next; n != &end_;) {
-    JournalNode* following = n->next;
-    auto& e = static_cast<Entity&>(*n);
-    unlink(e);
-    if (e.dead()) {
-      Ref<Entity> last(&e);
-      --e.refs;
-    }
-    n = following;
-  }
+  detachAll();  // and with the last cursor the tombstones went
+  while (end_.next != &end_) unlink(*end_.next);
 }
 
 void Journal::bind(StoreClock* clock, Entity* root) {
@@ -55,9 +52,10 @@ void Journal::bind(StoreClock* clock, Entity* root) {
 }
 
 void Journal::append(JournalNode& e) {
+  e.version = lastVersion_ = ++clock_->version;
+  if (e.next == &end_) return;  // all cursors are before it, and told
   if (e.prev) unlink(e);
-  e.version = ++clock_->version;
-  // Cursors that stand at the end are at the tail of the list, behind every entity.
+  // Cursors that stand at the end are at the tail of the list, behind every item.
   for (JournalNode* n = end_.prev; n->typeId == JournalNode::kCursor; n = n->prev) {
     auto& cursor = static_cast<Cursor&>(*n);
     if (cursor.active_) continue;
@@ -88,7 +86,7 @@ void Journal::noteOrigin(Entity& e, uint64_t before) {
 
 void Journal::died(Entity& e) {
   if (clock_->origins) e.dirtyIs(clock_->origin);
-  bool wanted = oldest_ && (remoteCursors_ != 0 || e.seen != 0);
+  bool wanted = oldest_ && (forgetfulCursors_ != 0 || e.seen != 0);
   if (!wanted) {
     if (e.prev) unlink(e);
     return;
@@ -96,55 +94,58 @@ void Journal::died(Entity& e) {
   append(e);
   ++e.refs;
   ++tombstones_;
-  if (tombstones_ > kMaxTombstones && remoteCursors_ != 0) boundTombstones();
+  if (tombstones_ > boundAt_) boundTombstones();
 }
 
 bool Journal::judge(const Entity& e, const Entity* parent) {
   Writer::Admission verdict = clock_->writer->admits(*this, e, parent);
-  if (verdict == Writer::Admission::all) admitted_ = clock_->writer;
+  if (verdict == Writer::Admission::all) admitted_ = clock_->writer->number();
   return verdict != Writer::Admission::refused;
 }
 
 void Journal::dropTombstone(Entity& e) {
   unlink(e);
-  --tombstones_;
+  if (--tombstones_ == 0) boundAt_ = kMaxTombstones;
   Ref<Entity> last(&e);
   --e.refs;
 }
 
 void Journal::sweep() {
-  if (tombstones_ == 0) return;
-  for (JournalNode* n = end_.next; n != &end_ && n->typeId != JournalNode::kCursor;) {
+  for (JournalNode* n = end_.next; tombstones_ != 0 && n != &end_;) {
+    if (n->typeId == JournalNode::kCursor) return;
     JournalNode* following = n->next;
-    if (n->typeId != JournalNode::kSelf)
-      if (auto& e = static_cast<Entity&>(*n); e.dead()) dropTombstone(e);
+    if (isTombstone(n)) dropTombstone(static_cast<Entity&>(*n));
     n = following;
   }
 }
 
-// The connections that hold the most tombstones back are sent to the head, to compare; what no
-// follower that remembers waits for goes.
+// The bounded followers that hold tombstones back are sent to the head, to compare. What others
+// wait for stays, and is not gone through again until as much has come on top of it.
 void Journal::boundTombstones() {
   for (Cursor* c = oldest_; c;) {
     Cursor* newer = c->newer_;
-    if (!c->remembers_ && !c->atEnd()) {
+    if (c->isBounded() && !c->remembers_ && !c->atEnd()) {
       ++overruns_;
       c->moveToHead();
       c->overrun();
     }
     c = newer;
   }
-  bool rememberers = false;
+  bool isWanted = false;      // by an unbounded cursor that has no notes
+  bool isRemembered = false;  // by one that has
   for (JournalNode* n = end_.next; n != &end_;) {
     JournalNode* following = n->next;
     if (n->typeId == JournalNode::kCursor) {
-      rememberers |= static_cast<Cursor*>(n)->remembers_;
-    } else if (n->typeId != JournalNode::kSelf) {
+      auto& cursor = static_cast<Cursor&>(*n);
+      isRemembered |= cursor.remembers_;
+      isWanted |= !cursor.remembers_ && !cursor.isBounded();
+    } else if (isTombstone(n)) {
       auto& e = static_cast<Entity&>(*n);
-      if (e.dead() && (e.seen == 0 || !rememberers)) dropTombstone(e);
+      if (!isWanted && !(isRemembered && e.seen != 0)) dropTombstone(e);
     }
     n = following;
   }
+  boundAt_ = tombstones_ + kMaxTombstones;
 }
 
 // --- Cursor -------------------------------------------------------------------------------------
@@ -157,7 +158,7 @@ void Cursor::link(Journal& journal, JournalNode* before, bool remembers) {
   check(!journal_, "a cursor follows one journal at a time");
   journal_ = &journal;
   remembers_ = remembers;
-  if (!remembers) ++journal.remoteCursors_;
+  if (!remembers) ++journal.forgetfulCursors_;
   linkBefore(*this, *before);
 }
 
@@ -174,7 +175,7 @@ void Cursor::attachAtHead(Journal& journal, bool remembers) {
 
 void Cursor::attachAtEnd(Journal& journal, bool remembers) {
   link(journal, &journal.end_, remembers);
-  version = journal.clock_ ? journal.clock_->version : 0;
+  version = journal.lastVersion_;
   newer_ = nullptr;
   older_ = journal.newest_;
   (older_ ? older_->newer_ : journal.oldest_) = this;
@@ -190,13 +191,14 @@ void Cursor::detach() {
   (newer_ ? newer_->older_ : j.newest_) = older_;
   older_ = newer_ = nullptr;
   unlink(*this);
-  if (!remembers_) --j.remoteCursors_;
+  if (!remembers_) --j.forgetfulCursors_;
   journal_ = nullptr;
   active_ = false;
   if (wasOldest) j.sweep();
 }
 
 bool Cursor::atEnd() const {
+  if (version >= journal_->lastVersion_) return true;
   const JournalNode* n = JournalNode::next;
   while (n->typeId == kCursor) n = n->next;
   return !isItem(n);
@@ -228,19 +230,14 @@ void Cursor::moveToHead() {
 
 Ref<Entity> Cursor::next() {
   if (!journal_) return {};
-  JournalNode* n = JournalNode::next;
-  while (n->typeId == kCursor) {
-    passCursor(static_cast<Cursor*>(n));
-    n = n->next;
-  }
-  if (!isItem(n)) {
-    if (n != JournalNode::next) {
-      unlink(*this);
-      linkBefore(*this, *n);
-    }
+  if (atEnd()) {
+    // It stays where it is, with cursors alone behind it.
+    version = journal_->lastVersion_;
     active_ = false;
     return {};
   }
+  JournalNode* n = JournalNode::next;
+  for (; n->typeId == kCursor; n = n->next) passCursor(static_cast<Cursor*>(n));
   unlink(*this);
   linkBefore(*this, *n->next);
   version = n->version;

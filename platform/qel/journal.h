@@ -8,8 +8,8 @@
 // date costs nothing; it is told once when something new is appended behind it.
 //
 // A tombstone leaves the list when no cursor is before it. Followers that may fall far behind (a
-// client's connection) are bounded: past kMaxTombstones they are told to compare instead
-// (overrun()).
+// client's connection) are bounded: when kMaxTombstones have gathered they are told to compare
+// instead (overrun()). Reactors are not: the loop runs them.
 #pragma once
 
 #include <cstdint>
@@ -26,10 +26,18 @@ class Journal;
 class Writer {
  public:
   enum class Admission : uint8_t { refused, thisOne, all };
+  Writer() : number_(++lastNumber) {}
+  Writer(const Writer&) = delete;
   virtual ~Writer() = default;
   // May it write `entity`, which stands or is to stand below `parent` in this journal? `all`: it
   // may write everything there. A refusal is the writer's to trace and count.
   virtual Admission admits(const Journal& journal, const Entity& entity, const Entity* parent) = 0;
+  // Its own for good: another writer may come to stand at the same address.
+  uint64_t number() const { return number_; }
+
+ private:
+  RYX_PRIVATE static uint64_t lastNumber;
+  const uint64_t number_;
 };
 
 // Where state came from, for a hub that must not send a client's own writes back to it.
@@ -81,11 +89,11 @@ class Journal {
   // Whether the present writer may write `e` here, below `parent`. What holds for all of the
   // journal is judged once a writer, then remembered.
   bool admits(const Entity& e, const Entity* parent) {
-    return clock_ == nullptr || clock_->writer == nullptr || clock_->writer == admitted_ ||
-           judge(e, parent);
+    return clock_ == nullptr || clock_->writer == nullptr ||
+           clock_->writer->number() == admitted_ || judge(e, parent);
   }
   // The rules changed: judge again.
-  void forgetAdmitted() { admitted_ = nullptr; }
+  void forgetAdmitted() { admitted_ = 0; }
 
  private:
   friend class Cursor;
@@ -101,15 +109,17 @@ class Journal {
   JournalNode end_;
   JournalNode self_;
   StoreClock* clock_ = nullptr;
-  Writer* admitted_ = nullptr;
+  uint64_t admitted_ = 0;     // the number of the writer that may write everything here
+  uint64_t lastVersion_ = 0;  // no item has a later one
   Entity* root_ = nullptr;
   Cursor* oldest_ = nullptr;
   Cursor* newest_ = nullptr;
   uint64_t overruns_ = 0;
   uint32_t tombstones_ = 0;
-  uint32_t remoteCursors_ = 0;  // cursors that keep no note of what they have seen
-  uint8_t seenBitsUsed_ = 0;    // bits of JournalNode::seen that are given out
-  uint8_t seenBitsStale_ = 0;   // bits that were given back and still stand in entities
+  uint32_t boundAt_ = kMaxTombstones;  // tombstones at which they are bounded
+  uint32_t forgetfulCursors_ = 0;      // cursors that keep no note of what they have seen
+  uint8_t seenBitsUsed_ = 0;           // bits of JournalNode::seen that are given out
+  uint8_t seenBitsStale_ = 0;          // bits that were given back and still stand in entities
 };
 
 // A follower's place in one journal. Movable nowhere; detaches when destroyed.
@@ -133,10 +143,14 @@ class RYX_PRIVATE Cursor : public JournalNode {
   bool atEnd() const;
 
  protected:
-  // Something was appended behind a cursor that stood at the end. No state may change in here.
+  // Something was appended behind a cursor that stood at the end. No state may change in here, and
+  // no cursor move.
   virtual void activated() = 0;
+  // Whether it may be sent back to compare.
+  virtual bool isBounded() const { return true; }
   // Too many tombstones are kept for this follower. It has been moved to the head, from where it
-  // will see all that lives and, of what died, only what dies from now on: it has to compare.
+  // will see all that lives and, of what died, only what dies from now on: it has to compare. No
+  // state may change in here either.
   virtual void overrun() {}
 
  private:

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <memory>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -71,8 +72,10 @@ class RYX_PRIVATE JournalReactor : public Reactor {
   ~JournalReactor() override;
 
   // Everything that is in the journal now is reported as created, then what changes. `deep`:
-  // journals of their own below it too (directories in a directory), as they come and go.
+  // journals of their own below it too (directories in a directory), as they come and go. What
+  // stands deeper in the tree is reported first: the deletions in a directory before its own.
   void follow(Journal& journal, bool deep = false);
+  // What was followed because of it, too. Nothing more is reported.
   void unfollow(Journal& journal);
 
  protected:
@@ -85,11 +88,19 @@ class RYX_PRIVATE JournalReactor : public Reactor {
  private:
   class Follow;
   friend class Follow;
-  void report(Follow& follow, Entity& entity);
-  Follow* followOf(Journal& journal);
+  // Follows with something to report whose roots stand equally deep, in the order of their turns.
+  struct Level {
+    Follow* first = nullptr;
+    Follow* last = nullptr;
+  };
 
-  std::vector<std::unique_ptr<Follow>> follows_;
-  std::vector<Follow*> active_;
+  void follow(Journal& journal, bool deep, Follow* outer);
+  void report(Follow& follow, Entity& entity);
+  Follow* deepest() const;
+  bool isGated();
+
+  std::unordered_map<const Journal*, std::unique_ptr<Follow>> follows_;
+  std::vector<Level> levels_;
   bool* destroyed_ = nullptr;
 };
 

@@ -23,6 +23,9 @@ struct RouteKey {
 };
 
 enum class RouteType : uint8_t { forward = 0, drop = 1, nexthopGroup = 2 };
+constexpr bool isValid(RouteType t) {
+  return t <= RouteType::nexthopGroup;
+}
 
 // A next hop; with vni set, through a VXLAN tunnel to vtepAddr (RFC 7348).
 struct Via {

@@ -1,7 +1,9 @@
 #include "platform/model/wellknown.h"
 
+#include "platform/model/acl.h"
 #include "platform/model/agent.h"
 #include "platform/model/interface.h"
+#include "platform/model/lldp.h"
 #include "platform/model/routing.h"
 
 namespace ryx::platform {
@@ -55,6 +57,9 @@ void registerModel() {
   typeOf<Interface::EthPhyIntfConfigDir>();
   typeOf<Interface::EthPhyIntfStatusDir>();
   typeOf<Routing::RouteInput>();
+  typeOf<Acl::Input::Config>();
+  typeOf<Lldp::RemoteSystem>();
+  TypeInfo::registerChildren();
 }
 
 }  // namespace ryx::platform

@@ -88,6 +88,13 @@ const TypeInfo* TypeInfo::named(std::string_view typeName) {
   return at == registry().byName.end() ? nullptr : at->second;
 }
 
+void TypeInfo::registerChildren() {
+  auto& types = registry().byId;  // grows meanwhile
+  for (size_t id = JournalNode::kFirstType; id < types.size(); ++id)
+    for (const CollectionInfo& c : types[id]->collections)
+      if (c.child) c.child();
+}
+
 const TypeInfo& TypeInfo::byId(uint16_t id) {
   return *registry().byId[id];
 }

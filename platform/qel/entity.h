@@ -179,6 +179,9 @@ struct TypeInfo {
   // All registered types, by name and by id. Null when there is none.
   RYX_PRIVATE static const TypeInfo* named(std::string_view typeName);
   RYX_PRIVATE static const TypeInfo& byId(uint16_t id);
+  // Registers what stands in the collections of registered types: a peer may name it before anyone
+  // here has made one.
+  RYX_PRIVATE static void registerChildren();
 };
 
 // What a prototype's members report to while it is built.

@@ -42,29 +42,11 @@ void sdk::init_decap_group_mgr() {
 decap_group_mgr* sdk::get_decap_group_mgr() {
   return get(decap_group_mgr_, &sdk::init_decap_group_mgr, {});
 }
-void sdk::init_eth_intf_mgr() {
-  unbuilt("eth_intf_mgr");
-}
-eth_intf_mgr* sdk::get_eth_intf_mgr() {
-  return get(eth_intf_mgr_, &sdk::init_eth_intf_mgr, {});
-}
-void sdk::init_eth_lag_intf_mgr() {
-  unbuilt("eth_lag_intf_mgr");
-}
-eth_lag_intf_mgr* sdk::get_eth_lag_intf_mgr() {
-  return get(eth_lag_intf_mgr_, &sdk::init_eth_lag_intf_mgr, {});
-}
 void sdk::init_eth_phy_intf_counter_mgr() {
   unbuilt("eth_phy_intf_counter_mgr");
 }
 eth_phy_intf_counter_mgr* sdk::get_eth_phy_intf_counter_mgr() {
   return get(eth_phy_intf_counter_mgr_, &sdk::init_eth_phy_intf_counter_mgr, {});
-}
-void sdk::init_eth_phy_intf_mgr() {
-  unbuilt("eth_phy_intf_mgr");
-}
-eth_phy_intf_mgr* sdk::get_eth_phy_intf_mgr() {
-  return get(eth_phy_intf_mgr_, &sdk::init_eth_phy_intf_mgr, {});
 }
 void sdk::init_fib_mgr(mgr_mode_type_t) {
   unbuilt("fib_mgr");
@@ -83,12 +65,6 @@ void sdk::init_intf_counter_mgr() {
 }
 intf_counter_mgr* sdk::get_intf_counter_mgr() {
   return get(intf_counter_mgr_, &sdk::init_intf_counter_mgr, {});
-}
-void sdk::init_intf_mgr() {
-  unbuilt("intf_mgr");
-}
-intf_mgr* sdk::get_intf_mgr() {
-  return get(intf_mgr_, &sdk::init_intf_mgr, {});
 }
 void sdk::init_ip_intf_mgr() {
   unbuilt("ip_intf_mgr");
@@ -168,12 +144,6 @@ void sdk::init_qapi_mgr() {
 qapi_mgr* sdk::get_qapi_mgr() {
   return get(qapi_mgr_, &sdk::init_qapi_mgr, {});
 }
-void sdk::init_subintf_mgr() {
-  unbuilt("subintf_mgr");
-}
-subintf_mgr* sdk::get_subintf_mgr() {
-  return get(subintf_mgr_, &sdk::init_subintf_mgr, {});
-}
 void sdk::init_system_mgr() {
   unbuilt("system_mgr");
 }
@@ -185,9 +155,6 @@ void sdk::init_vrf_mgr() {
 }
 vrf_mgr* sdk::get_vrf_mgr() {
   return get(vrf_mgr_, &sdk::init_vrf_mgr, {});
-}
-void sdk::init_intf_mgr_helper() {
-  unbuilt("intf_mgr_helper");
 }
 
 }  // namespace ryx

@@ -68,6 +68,8 @@ hear "Using RYX SDK"
 hear "ready"
 hear "Ethernet1: "
 hear "Ethernet2: "
+hear "is INTF_OPER_UP"
+hear "is INTF_OPER_UP"
 
 say "The far end of the first cable goes down, and comes up again."
 try ip -n "$far" link set far1 down

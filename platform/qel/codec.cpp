@@ -1,6 +1,6 @@
 #include "platform/qel/codec.h"
 
-#include <cinttypes>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 
@@ -91,9 +91,8 @@ void JsonWriter::number(int64_t value) {
 void JsonWriter::number(double value) {
   if (!std::isfinite(value)) return null();
   separate();
-  char text[32];
-  std::snprintf(text, sizeof text, "%.17g", value);
-  out_ += text;
+  char text[32];  // the shortest that reads back the same, whatever the locale
+  out_.append(text, std::to_chars(text, text + sizeof text, value).ptr);
 }
 
 void JsonWriter::boolean(bool value) {

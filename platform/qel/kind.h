@@ -12,10 +12,11 @@
 //   };
 //
 // so nested keys, sets of vias and maps of lists need nothing special. A struct's members have
-// numbers on the wire, in their order: new ones come last, and a side that does not know one passes
-// over it. Three more shapes of class are values: a number with bounds (kMin, kMax, value()), a
-// byte string with a bound (kMaxBytes, bytes()), and one whose bytes are its value, such as an
-// address (trivially copyable without padding, with toString()).
+// numbers on the wire, in their order: new ones come last, a side that does not know one passes
+// over it, and one that has its default is not sent, so that defaults never change. Three more
+// shapes of class are values: a number with bounds (kMin, kMax, value()), a byte string with a
+// bound (kMaxBytes, bytes()), and one whose bytes are its value, such as an address (trivially
+// copyable without padding, with toString()).
 //
 // Nothing out of range comes in: numbers are checked against their type and bounds, byte strings
 // against theirs, other classes by their isValid() if they have one, enums by a function
@@ -192,9 +193,13 @@ concept OpaqueBytes =
     std::is_trivially_copyable_v<T> && !Described<T> && !Ranged<T> && requires(const T& v) {
   { v.toString() } -> std::convertible_to<std::string>;
 };
+// Where isValid() is an invariant, and not only a question to ask (kHoldsAnyValue).
 template <class T>
 concept Validated = requires(const T& v) {
   { v.isValid() } -> std::same_as<bool>;
+}
+&&!requires {
+  T::kHoldsAnyValue;
 };
 template <class T>
 concept ValidatedEnum = requires(T v) {
@@ -373,11 +378,12 @@ void encodeValue(Encoder& e, const T& v) {
   } else {
     size_t mark = e.beginLength();
     if constexpr (Described<T>) {
+      static const T defaults{};
       unsigned index = 0;
       auto one = [&](const auto& m) {
         using M = std::decay_t<decltype(v.*m.pointer)>;
         if constexpr (!isLocal<M>())
-          if (!equalValue(v.*m.pointer, M())) {
+          if (!equalValue(v.*m.pointer, defaults.*m.pointer)) {
             e.varint(index << 1 | static_cast<unsigned>(wireOf<M>()));
             encodeValue(e, v.*m.pointer);
           }

@@ -62,6 +62,7 @@ class RYX_PRIVATE IntfId {
   static constexpr uint64_t kEmpty = 0xffffffff00000000u;
   // The longest text that print() writes; there is no terminating zero.
   static constexpr size_t kMaxText = 32;
+  static constexpr bool kHoldsAnyValue = true;
 
   constexpr IntfId() = default;  // the empty identifier: it names no interface
   explicit constexpr IntfId(uint64_t value) : value_(value) {}

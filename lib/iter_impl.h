@@ -1,19 +1,24 @@
 // What stands behind the public iterators: a chain of sources, each walking one platform
 // collection, shown one after the other.
 //
-//   class vrf_iter_impl : public chained_iter_impl<std::string> {};
+//   class RYX_API vrf_iter_impl : public chained_iter_impl<std::string> {};
 //   template class iter_base<std::string, vrf_iter_impl>;
 //
 //   vrf_iter_t VrfMgrImpl::vrf_iter() const {
 //     auto impl = std::make_unique<vrf_iter_impl>();
-//     impl->add_iter(elementSource<std::string>(table.iter(), [](const auto& it) { return
-//     it->name(); })); impl->initialize(); return vrf_iter_t(impl.release());
+//     impl->add_iter(keySource<std::string>(configured.iterator()));
+//     impl->add_iter(elementSource<std::string>(
+//         learned.iterator(), [](const auto& it) { return it->name().toString(); }));
+//     impl->initialize();
+//     return vrf_iter_t(impl.release());
 //   }
+//
+// RYX_API stands at the first declaration of the class, in the public header: without it the
+// members of the iterator stay inside the library.
 //
 // A platform iterator walks one collection and stays valid whatever happens to it. It offers
 // `explicit operator bool() const` (there is an element), `void next()`, `const K& key() const`,
-// and `*` and
-// `->` for the element.
+// and for the element `*` and `->`.
 #pragma once
 
 #include <cstddef>

@@ -25,6 +25,10 @@ class base_mgr;
 ///
 /// For a `Handler` that does not, the manager's first dispatch builds one `Handler` of its own to
 /// look at, when it can be constructed from the manager alone; else every callback is called.
+///
+/// The default callbacks of a `Handler` in a shared library are defined in it, not inline, and with
+/// -fsemantic-interposition and without -Bsymbolic: then the tables of all modules name one
+/// function. Where they do not, the default is called, and does nothing.
 template <class Mgr, class Handler>
 class RYX_API base_handler {
  public:

@@ -1,11 +1,11 @@
 // Where the switch side keeps its interfaces: a configuration and a status entity for each, in the
 // directories of the interface's kind. Shared by the feeds. To be called under the activity lock.
 //
-// Ethernet ports (and management's kind apart, whatever is a port: the processor's, internal ones,
-// the MLAG partner's) stand in slices. Ports of one number (Ethernet7) are those of a switch that
-// is one box, slice "1"; those of several numbers (Ethernet3/1) are in the slice of their first
-// number, the card. Sub-interfaces, link aggregation groups, VLAN, loopback, management and VXLAN
-// interfaces have directories of their own. Null0 and tunnels have none.
+// Ports (Ethernet, and the processor's, internal ones and the MLAG partner's) stand in slices.
+// Those of one number (Ethernet7) belong to a switch that is one box, slice "1"; those of several
+// numbers (Ethernet3/1) are in the slice of their first number, the card. Sub-interfaces, link
+// aggregation groups, VLAN, loopback, management and VXLAN interfaces have directories of their
+// own. Null0 and tunnels have none.
 #pragma once
 
 #include "platform/model/interface.h"

@@ -1,0 +1,42 @@
+// The module of the feed "linux": the network devices of this process's network namespace. It takes
+// no argument; RYX_INTF_MAP says which device is which interface (intf_map.h). With a malformed map
+// it does not start, since it could write to the wrong devices.
+#include <cstdlib>
+
+#include "platform/statehub/local.h"
+#include "switch/linux/intf_map.h"
+#include "switch/linux/kernel_links.h"
+
+namespace {
+
+using ryx::platform::Feed;
+using ryx::platform::Tree;
+
+class LinuxFeed final : public Feed {
+ public:
+  std::string start(Tree& tree, const std::string& argument) {
+    std::string error;
+    if (!argument.empty()) return "\"" + argument + "\" behind linux: expected nothing";
+    ryx::kernel::IntfMap map;
+    if (const char* rules = std::getenv("RYX_INTF_MAP")) {
+      error = ryx::kernel::IntfMap::parse(rules, &map);
+      if (!error.empty()) return "RYX_INTF_MAP: " + error;
+    }
+    links_ = ryx::kernel::KernelLinks::start(tree, map, &error);
+    return error;
+  }
+
+ private:
+  std::unique_ptr<ryx::kernel::KernelLinks> links_;
+};
+
+}  // namespace
+
+extern "C" RYX_PRIVATE const char ryxFeedAbi[] = RYX_VERSION;
+
+extern "C" RYX_PRIVATE Feed* ryxFeedStart(Tree& tree, const std::string& argument,
+                                          std::string* error) {
+  auto feed = std::make_unique<LinuxFeed>();
+  *error = feed->start(tree, argument);
+  return error->empty() ? feed.release() : nullptr;
+}

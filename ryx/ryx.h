@@ -6,9 +6,14 @@
 #include <ryx/base_handler.h>
 #include <ryx/base_mgr.h>
 #include <ryx/eth.h>
+#include <ryx/eth_intf.h>
+#include <ryx/eth_lag_intf.h>
+#include <ryx/eth_phy_intf.h>
 #include <ryx/event_loop.h>
 #include <ryx/fd.h>
 #include <ryx/get_agent_process_name.h>
+#include <ryx/intf.h>
+#include <ryx/intf_mgr_helper.h>
 #include <ryx/ip.h>
 #include <ryx/iter_base.h>
 #include <ryx/mount.h>
@@ -16,6 +21,7 @@
 #include <ryx/print_profiles.h>
 #include <ryx/sdk.h>
 #include <ryx/sdk_scoped_lock.h>
+#include <ryx/subintf.h>
 #include <ryx/timer.h>
 #include <ryx/tracing.h>
 

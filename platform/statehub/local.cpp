@@ -35,7 +35,9 @@ void loadFeed(const std::string& name, const std::string& argument) {
   auto start = reinterpret_cast<FeedStart>(dlsym(module, kFeedStartSymbol));
   if (!start) return tell("has no entry ryxFeedStart");
   std::string error;
-  if (!start(localTree(), argument, &error)) tell("does not start: " + error);
+  static Feed* feed = nullptr;  // for the life of the process
+  feed = start(localTree(), argument, &error);
+  if (!feed) tell("does not start: " + error);
 }
 
 }  // namespace

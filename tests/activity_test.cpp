@@ -330,6 +330,22 @@ TEST_F(ActivityTest, RunsNest) {
   EXPECT_EQ(1003, time.now());
 }
 
+// A task that wakes itself before it calls out: a run inside the call does the rest of its list.
+TEST_F(ActivityTest, NestedRunGetsOnWithAListInProgress) {
+  int left = 5;
+  CallTask list([] {});
+  list.call = [&](Slice&) {
+    while (left != 0) {
+      if (--left != 0) list.wake();
+      activity().run(0);
+      EXPECT_EQ(0, left);
+    }
+    return false;
+  };
+  list.wake();
+  activity().run(0);
+}
+
 TEST_F(ActivityTest, NestingIsBounded) {
   constexpr int kTasks = 3 * Activity::kNestedRuns;
   int runs = 0;

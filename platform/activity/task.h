@@ -67,7 +67,8 @@ class RYX_PRIVATE Task {
 
   // Does the work. True: there is more to do, the task is queued again at the end of its order. So
   // is a task that throws: what it had left is not lost. While it runs the task is not queued, and
-  // a wake() is a new run. It may be entered again by a loop that it runs itself.
+  // a wake() is a new run, which a loop that runs inside this one does too: a task that calls out
+  // with work left wakes itself first, so that such a loop gets on with the rest.
   virtual bool run(Slice& slice) = 0;
 
  private:

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <map>
 #include <random>
 
@@ -523,65 +524,256 @@ TEST_F(LinkTest, AnyBytesLeaveTheHubAndTheOthersAsTheyWere) {
   EXPECT_TRUE(a.em->connected());
 }
 
-// Two writers of shared state, cuts and losses at random: in the end all three hold the same.
+// --- random writers ------------------------------------------------------------------------------
+
+using Interface::EthPhyIntfConfigDir;
+
+const MountRequest kSlices{"interface/config/eth/phy/slice", "Qel::Dir", "w"};
+const MountRequest kAgentConfig{"daemon/agent/config", "Qel::Dir", "w"};
+const std::vector<MountRequest> kAllMounts{kLagConfig, kSlices, kAgentConfig, kAgentStatus, kInput};
+
+// Whether two trees hold the same below two entities, generations included where they are shared.
+void expectEqual(Entity& hub, Entity& replica, bool own) {
+  ASSERT_EQ(&hub.type(), &replica.type());
+  EXPECT_TRUE(EntityOps::equalAttributes(hub, replica)) << hub.path();
+  EXPECT_TRUE(own || hub.generation() == replica.generation()) << hub.path();
+  for (const CollectionInfo& c : hub.type().collections) {
+    CollectionBase &theirs = hub.collection(c), &mine = replica.collection(c);
+    EXPECT_EQ(theirs.size(), mine.size()) << hub.path();
+    for (CollectionIterator it(theirs); it; it.next()) {
+      Entity& e = *it.get();
+      Entity* there = mine.findErased(e.keyData(), *e.type().keyKind);
+      ASSERT_TRUE(there) << e.path();
+      bool ownBelow =
+          e.path() == "/daemon/agent/status/a" || e.path() == "/routing/vrf/input/default/RyxSdk-a";
+      expectEqual(e, *there, own || ownBelow);
+    }
+  }
+}
+
+// An agent, a service and the hub's own side write at random what they may and, now and then, what
+// they may not, with connections that come and go, cuts that are forced, and work that is done in
+// part between two writes.
+class Chaos {
+ public:
+  struct Side {
+    Tree* tree;
+    Peer peer;
+    std::vector<std::unique_ptr<Mirror>> mirrors;
+  };
+
+  Chaos(unsigned seed, unsigned keys, VirtualClock& time)
+      : random_(seed), keys_(keys), time_(time) {
+    makeWellKnown(tree_);
+    tree_.make<Dir>("routing/vrf/input/default");
+    hub_ = std::make_unique<Hub>(tree_);
+    for (const char* name : {"a", "", ""}) {
+      Side side;
+      side.peer.em = EntityManager::overSocket(socket(), name);
+      side.peer.mount(kAllMounts);
+      EXPECT_EQ(MountStatus::success, side.peer.status);
+      side.tree = &side.peer.em->tree();
+      for (auto& m : kAllMounts)
+        side.mirrors.push_back(
+            std::make_unique<Mirror>(*side.peer.em->find(m.path)->childJournal(), true));
+      sides_.push_back(std::move(side));
+    }
+  }
+  ~Chaos() {
+    sides_.clear();
+    hub_.reset();
+  }
+
+  void step() {
+    unsigned op = pick(100);
+    if (op < 50) {
+      write();
+    } else if (op < 80) {
+      int turns = activity().zeroRunTurns();
+      activity().zeroRunTurnsIs(1 + static_cast<int>(pick(3)));
+      activity().run(0);
+      activity().zeroRunTurnsIs(turns);
+    } else if (op < 88) {
+      activity().run(0);
+    } else if (op < 92) {
+      time_.advance(0.03);
+    } else if (op < 95) {
+      comeBack(sides_[pick(3)]);
+    } else if (op < 97) {
+      for (int fd : sides_[pick(3)].peer.em->connections()) shutdown(fd, SHUT_RDWR);
+    } else if (op < 98) {
+      hub_->dropAll();
+    } else if (op < 99) {
+      settle();
+    } else if (pick(4) == 0) {
+      hub_.reset();
+      hub_ = std::make_unique<Hub>(tree_);
+    }
+  }
+  void expectAllEqual() {
+    for (int i = 0; i < 3; ++i) {
+      settle();
+      for (Side& s : sides_) comeBack(s);
+    }
+    settle();
+    for (Side& s : sides_) {
+      ASSERT_TRUE(s.peer.em->connected());
+      ASSERT_TRUE(s.peer.em->drained()) << s.peer.em->unsentBytes();
+      ASSERT_EQ(s.peer.em->batches(), s.peer.em->acknowledged());
+      for (size_t i = 0; i < kAllMounts.size(); ++i) {
+        Entity *theirs = tree_.find(kAllMounts[i].path), *mine = s.tree->find(kAllMounts[i].path);
+        bool isAgent = &s == &sides_[0];
+        expectEqual(*theirs, *mine, false);
+        EXPECT_EQ(count(*mine), s.mirrors[i]->alive.size()) << kAllMounts[i].path << isAgent;
+      }
+      if (::testing::Test::HasFailure()) return;
+    }
+  }
+
+ private:
+  unsigned pick(unsigned n) { return static_cast<unsigned>(random_() % n); }
+  static size_t count(Entity& e) {
+    size_t n = 0;
+    for (const CollectionInfo& c : e.type().collections)
+      for (CollectionIterator it(e.collection(c)); it; it.next()) n += 1 + count(*it.get());
+    return n;
+  }
+  int socket() {
+    int fds[2];
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+    if (pick(3) == 0)  // one that takes little at a time
+      for (int fd : fds) {
+        int bytes = 1;
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+      }
+    hub_->accept(fds[0]);
+    return fds[1];
+  }
+  void comeBack(Side& s) {
+    if (!s.peer.em->connected()) s.peer.em->reconnected(socket());
+  }
+  std::string anyText() { return std::to_string(pick(3)); }
+
+  // As one of the four sides.
+  void write() {
+    unsigned who = pick(4);
+    Tree& tree = who == 3 ? tree_ : *sides_[who].tree;
+    bool may = who != 0;
+    switch (pick(who == 0 ? 9 : 6)) {
+      case 0:
+      case 1:
+        return intf(tree.find<EthLagIntfConfigDir>("interface/config/eth/lag")->intf, 0);
+      case 2:
+      case 3: {
+        auto* slices = tree.find<Dir>("interface/config/eth/phy/slice");
+        Name name(std::to_string(pick(2)));
+        unsigned op = pick(8);
+        if (op == 0) {
+          slices->entry.erase(name);
+        } else if (auto* dir = slices->entry.create<EthPhyIntfConfigDir>(name)) {
+          if (op != 1) intf(dir->intf, 1);
+        }
+        return;
+      }
+      case 4:
+      case 5: {
+        // An agent may not.
+        if (!may && pick(4) != 0) return;
+        auto* config = tree.find<Dir>("daemon/agent/config");
+        Name name(std::to_string(pick(2)));
+        unsigned op = pick(8);
+        if (op == 0) {
+          config->entry.erase(name);
+        } else if (auto* c = config->entry.create<GenericAgent::Config>(name)) {
+          table(c->option);
+          if (op == 1) c->enabled.set(pick(2) != 0);
+        }
+        return;
+      }
+      case 6: {
+        auto* status = tree.find<Dir>("daemon/agent/status");
+        if (pick(8) == 0) {
+          status->entry.erase("a");
+        } else {
+          auto* own = status->entry.create<GenericAgent::Status>("a");
+          table(own->data);
+          if (pick(4) == 0) own->running.set(pick(2) != 0);
+        }
+        return;
+      }
+      default: {
+        auto* vrf = tree.find<Dir>("routing/vrf/input/default");
+        if (!vrf) return;
+        if (pick(12) == 0) {
+          vrf->entry.erase("RyxSdk-a");
+          return;
+        }
+        auto* input = vrf->entry.create<Routing::RouteInput>("RyxSdk-a");
+        if (pick(5) == 0) input->defaultPreference.set(pick(3));
+        Routing::RouteKey key{IpPrefix(IpAddr::v4((1 + pick(keys_)) << 8), 24), 1};
+        if (pick(4) == 0) {
+          input->route.erase(key);
+          return;
+        }
+        auto* route =
+            input->route.create(key, [&](auto& r) { r.routeType.init(Routing::RouteType::drop); });
+        route->tag.set(pick(4));
+      }
+    }
+  }
+  template <class Intfs>
+  void intf(Intfs& intfs, int sub) {
+    IntfId id;
+    std::string name = sub ? "Ethernet" : "Port-Channel";
+    EXPECT_TRUE(parse(name + std::to_string(1 + pick(keys_)), &id));
+    switch (pick(6)) {
+      case 0:
+        intfs.erase(id);
+        return;
+      case 1:
+      case 2:
+        intfs.create(id)->description.set(std::to_string(pick(100)));
+        return;
+      case 3:
+        if (auto* e = intfs.find(id)) e->adminEnabledStateLocal.set(static_cast<uint8_t>(pick(3)));
+        return;
+      default:
+        if (auto* e = intfs.find(id)) e->description.set(anyText());
+    }
+  }
+  template <class T>
+  void table(T& t) {
+    std::string key = std::to_string(pick(keys_));
+    if (pick(3) == 0)
+      t.erase(key);
+    else
+      t.set(key, pick(20) == 0 ? std::string(10000, 'x') : anyText());
+  }
+
+  std::mt19937 random_;
+  const unsigned keys_;
+  VirtualClock& time_;
+  Tree tree_;
+  std::unique_ptr<Hub> hub_;
+  std::vector<Side> sides_;
+};
+
+// The number of steps is RYX_TEST_OPS when that is set, and the first seed RYX_TEST_SEED.
 TEST_F(LinkTest, RandomWritersEndEqual) {
-  for (unsigned seed = 1; seed <= 12; ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    Peer peers[2] = {peer("a", {kLagConfig}), peer("b", {kLagConfig})};
-    auto* hd = tree.find<EthLagIntfConfigDir>("interface/config/eth/lag");
-    std::unique_ptr<Mirror> mirrors[2];
-    for (int i = 0; i < 2; ++i)
-      mirrors[i] = std::make_unique<Mirror>(
-          peers[i].em->find<EthLagIntfConfigDir>("interface/config/eth/lag")->journal);
-    for (int step = 0; step < 1500; ++step) {
-      EthLagIntfConfigDir* dirs[] = {
-          hd, peers[0].em->find<EthLagIntfConfigDir>("interface/config/eth/lag"),
-          peers[1].em->find<EthLagIntfConfigDir>("interface/config/eth/lag")};
-      auto& dir = *dirs[random() % 3];
-      IntfId key = lag(1 + static_cast<int>(random() % 20));
-      switch (random() % 8) {
-        case 0:
-          dir.intf.erase(key);
-          break;
-        case 1:
-        case 2:
-          dir.intf.create(key)->description.set(std::to_string(random() % 100));
-          break;
-        case 3:
-        case 4:
-          if (auto* e = dir.intf.find(key)) e->description.set(std::to_string(random() % 3));
-          break;
-        case 5:
-          if (auto* e = dir.intf.find(key))
-            e->adminEnabledStateLocal.set(static_cast<uint8_t>(random() % 3));
-          break;
-        case 6:
-          activity().run(0);
-          break;
-        case 7:
-          if (random() % 60 != 0) break;
-          hub->dropAll();
-          settle();
-          for (auto& p : peers) p.em->reconnected(socket());
-          break;
-      }
-    }
-    settle();
-    for (int i = 0; i < 2; ++i) {
-      auto* d = peers[i].em->find<EthLagIntfConfigDir>("interface/config/eth/lag");
-      EXPECT_EQ(hd->intf.size(), d->intf.size());
-      EXPECT_EQ(hd->intf.size(), mirrors[i]->alive.size());
-      for (auto it = hd->intf.iterator(); it; it.next()) {
-        auto* e = d->intf.find(it.key());
-        ASSERT_TRUE(e) << it.key().toString();
-        EXPECT_TRUE(EntityOps::equalAttributes(*it, *e))
-            << it.key().toString() << " " << it->description() << " " << e->description();
-      }
-      mirrors[i].reset();
-    }
-    for (auto& p : peers) p.em.reset();
-    settle();
+  hub.reset();
+  const char* env = std::getenv("RYX_TEST_OPS");
+  long steps = env ? std::atol(env) : 60'000;
+  env = std::getenv("RYX_TEST_SEED");
+  for (unsigned seed = env ? static_cast<unsigned>(std::atol(env)) : 1; steps > 0; ++seed) {
+    SCOPED_TRACE("RYX_TEST_SEED=" + std::to_string(seed));
+    const int lengths[] = {25, 60, 200, 1000};
+    const unsigned keys[] = {1, 2, 3, 20};
+    int length = lengths[seed % 4];
+    Chaos chaos(seed, keys[seed / 4 % 4], time);
+    for (int i = 0; i < length; ++i) chaos.step();
+    chaos.expectAllEqual();
+    steps -= length;
+    if (HasFailure()) return;
   }
 }
 

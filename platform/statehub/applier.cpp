@@ -31,11 +31,18 @@ bool Applier::op(Op code, Decoder& d) {
     case Op::root:
       return rootFields(d);
     case Op::compare:
-      if (Entity* e = numbered(d.varint())) markStale(*e, Reach::journal);
+    case Op::sweep: {
+      Entity* e = numbered(d.varint());
+      uint8_t reach = d.u8();
+      if (d.failed() || reach > static_cast<uint8_t>(Reach::tree)) return false;
+      if (e && !e->dead()) {
+        if (code == Op::compare)
+          markStale(*e, static_cast<Reach>(reach));
+        else
+          sweepStale(*e, static_cast<Reach>(reach));
+      }
       return true;
-    case Op::sweep:
-      if (Entity* e = numbered(d.varint())) sweepStale(*e, Reach::journal);
-      return true;
+    }
     case Op::forget:
       if (uint64_t handle = d.varint(); handle < numbers_.size()) numbers_[handle] = nullptr;
       return true;
@@ -115,13 +122,15 @@ bool Applier::place(Decoder& d, Item* item, uint64_t* handle, PeerType** type, b
     return true;
   }
   item->type = t->mine;
-  item->key = t->scratch->keyData();
+  item->like = t->scratch.get();
+  item->key = item->like->keyData();
   if (!t->mine->keyKind || !t->mine->keyKind->decode(d, t->scratch->at(t->mine->keyOffset)))
     return broken("an item's key is malformed");
 
   // A container may be gone here already, or be of a type that is not known here.
   Entity* container = item->container = numbered(containerNumber);
-  if (!container || !container->childJournal()) return true;
+  if (!container) return true;
+  if (container->dead() || !container->childJournal()) return below(*container), true;
   const TypeInfo& containerType = container->type();
   // The sender's index of the collection, through its own declaration of the container's type.
   const CollectionInfo* info = nullptr;
@@ -202,7 +211,10 @@ bool Applier::item(Decoder& d) {
   bool skip = false;
   if (!place(d, &item, &handle, &type, &skip, true)) return false;
   ++items_;
-  if (skip) return skipFields(d);
+  if (skip) {
+    if (handle != 0 && !numberIs(handle, nullptr)) return false;
+    return skipFields(d);
+  }
 
   Entity* there = item.collection->findHashed(item.hash, item.key);
   Verdict verdict = judge(item, there);
@@ -229,8 +241,7 @@ bool Applier::item(Decoder& d) {
       refused(item, nullptr, false);
     }
   }
-  if (handle != 0) return numberIs(handle, target ? target : there);
-  return true;
+  return handle == 0 || numberIs(handle, target);
 }
 
 bool Applier::removal(Decoder& d) {
@@ -249,12 +260,13 @@ bool Applier::rootFields(Decoder& d) {
   item.flags = d.u8();
   Entity* root = numbered(d.varint());
   PeerType* type = root ? declared(root->type()) : nullptr;
+  if (root && root->dead()) below(*root);
   if (!type || root->dead()) return skipFields(d);
   uint32_t dirty = root->dirty();
   uint64_t refusals = refusals_;
   if (!fields(d, *type, *root, item, rootKeep(*root), false)) return false;
   if (refusals_ != refusals) rootRefused(*root);
-  rootApplied(*root, dirty);
+  rootApplied(*root, dirty, item.flags);
   return true;
 }
 
@@ -262,8 +274,7 @@ void Applier::markStale(Entity& e, Reach reach) {
   for (const CollectionInfo& c : e.type().collections)
     for (CollectionIterator it(e.collection(c)); it; it.next()) {
       Entity& child = *it.get();
-      if (!sweepable(child)) continue;
-      child.flags |= kStale;
+      if (sweepable(child)) child.flags |= kStale;
       if (reach == Reach::tree || child.type().journalOffset == 0) markStale(child, reach);
     }
 }

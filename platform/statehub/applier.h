@@ -40,11 +40,12 @@ class RYX_PRIVATE Applier {
     uint64_t generation;
     const void* key;
     uint64_t hash;
+    const Entity* like;  // an entity of that type with that key, in no tree
   };
   // What is to be done with an item before its attributes are decoded.
   struct Verdict {
     Entity* target = nullptr;  // apply to it; null: make it
-    bool skip = false;         // apply nothing
+    bool skip = false;         // apply nothing; the peer's number, if any, means the target
     uint32_t keep = 0;         // attributes that must not be touched
   };
 
@@ -55,9 +56,11 @@ class RYX_PRIVATE Applier {
   // The writer may not: an attribute (there is one), a creation (there is none), a removal.
   virtual void refused(const Item& item, Entity* there, bool removal) = 0;
   virtual void remove(const Item& item, Entity* there) = 0;
+  // Something was to be done below a container that is dead here; nothing was.
+  virtual void below(Entity& /*dead*/) {}
   // The same for a container's own attributes.
   virtual uint32_t rootKeep(Entity&) { return 0; }
-  virtual void rootApplied(Entity&, uint32_t /*dirtyBefore*/) {}
+  virtual void rootApplied(Entity&, uint32_t /*dirtyBefore*/, uint8_t /*flags*/) {}
   virtual void rootRefused(Entity&) {}
   // An entity that a comparison did not meet is gone at the peer.
   virtual void sweep(Entity& e) = 0;
@@ -71,7 +74,6 @@ class RYX_PRIVATE Applier {
   Entity* numbered(uint64_t handle) const;
   // Marks all below `e`, as far as its journal goes or into the journals below it too; then takes
   // away what no item met since.
-  enum class Reach : uint8_t { journal, tree };
   void markStale(Entity& e, Reach reach);
   void sweepStale(Entity& e, Reach reach);
   // All numbers and types are void: a new connection.

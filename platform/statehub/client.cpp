@@ -40,7 +40,8 @@ class Client::Group final : public MountGroup, private Task {
       for (const MountRequest& m : requests())
         if ((m.mode.find('i') != std::string::npos) == immediate)
           client_->mounts_.push_back(
-              {m, this, m.mode.find_first_of("wc") != std::string::npos, false, 0, {}});
+              {m, this, m.mode.find_first_of("wc") != std::string::npos, false, false, 0, {}});
+    client_->unsynced_ += requests().size();
     client_->sendMounts(client_->controls_);
     client_->wake();
     if (waiting_ == 0) settled(MountStatus::success);
@@ -92,7 +93,7 @@ std::unique_ptr<MountGroup> Client::mountGroup() {
 }
 
 bool Client::drained() const {
-  return controls_.size() == 0 && caughtUp() && unsentBytes() == 0 &&
+  return controls_.size() == 0 && caughtUp() && lostRemovals_.empty() && unsentBytes() == 0 &&
          (connected() || onTheWay_.empty());
 }
 
@@ -115,6 +116,7 @@ void Client::sendMounts(Encoder& out) {
     out.varint(mountsSent_);
     // The number that this side will use for the mount's root; 0: it writes nothing there.
     m.handle = m.writable ? newHandle() : 0;
+    if (m.root && m.writable) publish(*m.root, m.handle, true);
     out.varint(m.handle);
     out.text(m.request.path);
     out.text(m.request.typeName);
@@ -129,7 +131,11 @@ bool Client::onFrame(std::string_view payload) {
   // What was written here and is not encoded yet counts as on its way: it is taken up first.
   for (bool all = false; !all && !caughtUp() && connected() && unsentBytes() < kSendAhead;)
     encodeSome(&all);
-  if (frame(payload)) return true;
+  // It may be an agent's callback that runs the loop: what arrives is not the agent's writing.
+  Writer* outer = std::exchange(replica_.clock().writer, nullptr);
+  bool good = frame(payload);
+  replica_.clock().writer = outer;
+  if (good) return true;
   RYX_TRACE(trace(), 0, "the hub broke the protocol: " << error());
   return false;
 }
@@ -145,10 +151,15 @@ bool Client::control(Op op, Decoder& d) {
     case Op::hello: {
       uint64_t magic = d.varint(), version = d.varint(), incarnation = d.varint();
       if (magic != kWireMagic || version != kWireVersion) return broken("another protocol");
-      adopt_ = incarnation_ != 0 && incarnation != incarnation_;
-      incarnation_ = incarnation;
-      if (adopt_)  // the generations of another life mean nothing: a removal is one of the key
+      // The generations of another life mean nothing: what was written is written to what has the
+      // same key.
+      if (incarnation_ != 0 && incarnation != incarnation_) {
+        gatherLost(rewind());
+        for (Mount& m : mounts_)
+          if (m.root) forgetGenerations(*m.root);
         for (Ref<Entity>& e : lostRemovals_) e->generationIs(kProvisional);
+      }
+      incarnation_ = incarnation;
       return true;
     }
     case Op::mounted:
@@ -157,9 +168,8 @@ bool Client::control(Op op, Decoder& d) {
       uint64_t id = d.varint();
       if (id >= mounts_.size()) return broken("a mount that was not asked for");
       Mount& m = mounts_[id];
-      if (m.root && resending_) sweepStale(*m.root, Reach::tree);
-      if (m.group) m.group->ended(MountStatus::success);
-      m.group = nullptr;
+      if (m.root && resync_) sweepStale(*m.root, Reach::tree);
+      ended(m, MountStatus::success);
       return true;
     }
     case Op::applied:
@@ -191,8 +201,8 @@ bool Client::mounted(Decoder& d) {
     RYX_TRACE(trace(), 0,
               "cannot mount " << m.request.path << " of type " << m.request.typeName << " in mode "
                               << m.request.mode << ": status " << static_cast<int>(status));
-    if (m.group) m.group->ended(status);
-    m.group = nullptr;
+    if (m.root && m.writable) unpublish(*m.root);
+    ended(m, status);
     return true;
   }
   uint64_t handle = d.varint();
@@ -208,68 +218,83 @@ bool Client::mounted(Decoder& d) {
   return true;
 }
 
+void Client::ended(Mount& m, MountStatus status) {
+  if (m.group) m.group->ended(status);
+  m.group = nullptr;
+  if (std::exchange(m.ended, true)) return;
+  if (--unsynced_ == 0) resync_ = false;
+}
+
 void Client::checkGroups() {
   for (Group* g : std::vector<Group*>(groups_)) g->cut();
 }
 
-// Whether a removal of that very entity is on its way, or has to go again.
-bool Client::removedHere(const Item& item) const {
-  auto same = [&](const Entity& e) {
-    return e.owner() == item.collection && item.type->keyKind->equal(e.keyData(), item.key) &&
-           ((e.generation() & kProvisional) || e.generation() == item.generation);
-  };
-  if (removalsOnTheWay_ != 0)
-    for (const Write& w : onTheWay_)
-      if (w.removal && same(*w.entity)) return true;
-  return std::any_of(lostRemovals_.begin(), lostRemovals_.end(),
-                     [&](const Ref<Entity>& e) { return same(*e); });
+uint64_t Client::placeOf(const Entity& e) {
+  const TypeInfo& type = e.type();
+  return type.keyKind ? placeOf(e.owner(), type.keyKind->hash(e.keyData()))
+                      : reinterpret_cast<uintptr_t>(&e);
+}
+
+bool Client::ownTop(Entity& e) {
+  Entity* parent = e.parent();
+  return parent && parent->as<Dir>() && ownAlone(e) && !ownAlone(*parent);
+}
+
+bool Client::tracked(Entity& e) {
+  return !ownAlone(e) || (unsynced_ != 0 && !resync_) || ownTop(e);
+}
+
+// Its generation is known from now on. What the hub took its number for may have been another.
+void Client::adopt(Entity& e, uint64_t generation) {
+  e.generationIs(generation);
+  renumber(controls_, e);
+  if (controls_.size() != 0) wake();
+}
+
+void Client::forgetGenerations(Entity& below) {
+  for (const CollectionInfo& c : below.type().collections)
+    for (CollectionIterator it(below.collection(c)); it; it.next()) {
+      Entity& e = *it.get();
+      if (e.flags & kUpstream) e.generationIs(kProvisional | e.generation());
+      forgetGenerations(e);
+    }
 }
 
 Applier::Verdict Client::judge(const Item& item, Entity* there) {
   replica_.clock().gated = true;
-  bool forced = item.flags & kItemForced;
-  if (item.flags & kItemMade) {
-    if (there && (there->generation() & kProvisional)) there->generationIs(item.generation);
+  // What is its own alone the hub has from here, and gets again.
+  if (returning() && owned_.of(agentName(), *item.like, item.container) == Ownership::own)
     return {there, true, 0};
-  }
-  dirtyBefore_ = there ? there->dirty() : 0;
-  if (!there) {
-    return {nullptr, !forced && removedHere(item), 0};
-  }
-  auto at = pending_.find(there);
-  Pending pending = at == pending_.end() ? Pending() : at->second;
-  bool provisional = there->generation() & kProvisional || !(there->flags & kUpstream);
-  if (forced) {
-    dirtyBefore_ = 0;
-    if (at != pending_.end()) pending_.erase(at);
-  } else if (pending.creation() || !(there->flags & kUpstream)) {
-    return {there, true, 0};
-  }
-  if (provisional || adopt_) {
-    there->generationIs(item.generation);
-  } else if (there->generation() != item.generation) {
+  const Pending* pending = pendingAt(placeOf(item.collection, item.hash));
+  if (pending && pending->identity()) return {there, true, 0};
+  dirtyBefore_ = 0;
+  if (!there) return {};
+  if (!(there->flags & kUpstream)) return {there, true, 0};
+  bool same = &there->type() == item.type;
+  if (same && (there->generation() & kProvisional)) {
+    adopt(*there, item.generation);
+  } else if (!same || there->generation() != item.generation) {
     removeHere(*there);
-    dirtyBefore_ = 0;
     return {};
   }
-  return {there, false, forced ? 0 : dirtyBefore_ | pending.fields()};
+  dirtyBefore_ = there->dirty();
+  return {there, false, dirtyBefore_ | (pending ? pending->fields() : 0)};
 }
 
 void Client::applied(Entity& e, const Item& item, bool made) {
   if (made) e.generationIs(item.generation);
-  e.dirtyIs(made ? 0 : dirtyBefore_);
+  e.dirtyIs(dirtyBefore_);
   e.flags |= kUpstream;
 }
 
 void Client::remove(const Item& item, Entity* there) {
   replica_.clock().gated = true;
-  if (!there) return;
-  if (!(item.flags & kItemForced)) {
-    auto at = pending_.find(there);
-    if (!(there->flags & kUpstream) || (at != pending_.end() && at->second.creation())) return;
-    // Of what is its own it may have never been told the generation.
-    if (there->generation() != item.generation && !ownAlone(*there)) return;
-  }
+  if (!there || !(there->flags & kUpstream)) return;
+  if (returning() && ownAlone(*there)) return;
+  const Pending* pending = pendingAt(placeOf(item.collection, item.hash));
+  if (pending && pending->identity()) return;
+  // Of what is its own it may have never been told the generation.
+  if (item.generation != 0 && there->generation() != item.generation && !ownAlone(*there)) return;
   removeHere(*there);
 }
 
@@ -282,28 +307,38 @@ void Client::removeHere(Entity& e) {
 
 uint32_t Client::rootKeep(Entity& e) {
   replica_.clock().gated = true;
-  auto at = pending_.find(&e);
-  return e.dirty() | (at == pending_.end() ? 0 : at->second.fields());
+  if (returning() && ownAlone(e)) return ~0u;
+  const Pending* pending = pendingAt(placeOf(e));
+  return e.dirty() | (pending ? pending->fields() : 0);
 }
 
 // What is this participant's own stays, whatever the hub has of it; so does what it has yet to
-// send.
+// send, and what the hub has yet to take.
 bool Client::sweepable(Entity& e) {
-  return (e.flags & kUpstream) && !ownAlone(e);
+  return (e.flags & kUpstream) && !ownAlone(e) && !pendingAt(placeOf(e));
 }
 
 // The hub has applied every batch up to that one.
 void Client::settle(uint64_t batch) {
   while (!onTheWay_.empty() && onTheWay_.front().batch <= batch) {
-    Write w = std::move(onTheWay_.front());
+    ends(onTheWay_.front().place, 0, batch);
     onTheWay_.pop_front();
-    removalsOnTheWay_ -= w.removal;
-    auto at = pending_.find(w.entity.get());
-    if (w.removal || at == pending_.end()) continue;
-    auto& writes = at->second.writes;
-    std::erase_if(writes, [&](const Pending::One& one) { return one.batch <= w.batch; });
-    if (writes.empty()) pending_.erase(at);
   }
+}
+
+void Client::wrote(Entity& e, uint32_t fields, WriteKind kind) {
+  uint64_t place = placeOf(e);
+  onTheWay_.push_back({Ref<Entity>(&e), place, batch_ + 1, fields, kind});
+  pending_[place].writes.push_back({batch_ + 1, fields, kind != WriteKind::attributes});
+}
+
+void Client::ends(uint64_t place, uint64_t firstBatch, uint64_t lastBatch) {
+  auto at = pending_.find(place);
+  if (at == pending_.end()) return;
+  std::erase_if(at->second.writes, [&](const Pending::One& one) {
+    return one.batch >= firstBatch && one.batch <= lastBatch;
+  });
+  if (at->second.writes.empty()) pending_.erase(at);
 }
 
 // --- what goes ----------------------------------------------------------------------------------
@@ -314,8 +349,9 @@ bool Client::wants(Entity& e) {
 }
 
 uint8_t Client::itemFlags(Entity& e) {
-  if (resending_ && ownAlone(e)) return kItemWhole | kItemCreate;
-  return e.flags & kUpstream ? 0 : kItemCreate;
+  uint8_t tell = tracked(e) ? kItemTell : 0;
+  if (resending_ && ownAlone(e)) return tell | kItemWhole | kItemCreate;
+  return e.flags & kUpstream ? tell : tell | kItemCreate;
 }
 
 void Client::sent(Entity& e, uint32_t fields) {
@@ -323,22 +359,18 @@ void Client::sent(Entity& e, uint32_t fields) {
   e.flags |= kUpstream;
   e.dirtyIs(e.dirty() & ~fields);
   if (creation) e.generationIs(kProvisional | e.generation());
-  if (resending_ && ownAlone(e) && e.parent() && !ownAlone(*e.parent())) {
-    // The top of what is its own: what the hub has below it and is not sent again now is gone.
+  if (resending_ && ownAlone(e) && (e.type().journalOffset || ownTop(e)) &&
+      std::find(ownRoots_.begin(), ownRoots_.end(), Ref<Entity>(&e)) == ownRoots_.end()) {
+    // What the hub has below it and is not sent again now is gone.
     uint32_t handle = containerHandle(out_, e);
-    out_.u8(static_cast<uint8_t>(Op::compare));
-    out_.varint(handle);
+    encodeReach(out_, Op::compare, handle, Reach::journal);
     ownRoots_.push_back(Ref<Entity>(&e));
   }
-  if (ownAlone(e)) return;  // nobody else writes it: nothing can cross
-  onTheWay_.push_back({Ref<Entity>(&e), fields, batch_ + 1, creation, false});
-  pending_[&e].writes.push_back({batch_ + 1, fields, creation});
+  if (tracked(e)) wrote(e, fields, creation ? WriteKind::creation : WriteKind::attributes);
 }
 
 void Client::removalSent(Entity& e) {
-  if (!wantsRemoval(e)) return;
-  onTheWay_.push_back({Ref<Entity>(&e), 0, batch_ + 1, false, true});
-  ++removalsOnTheWay_;
+  if (wantsRemoval(e) && tracked(e)) wrote(e, 0, WriteKind::removal);
 }
 
 void Client::sweep(Entity& e) {
@@ -370,8 +402,10 @@ void Client::encodeSome(bool* all) {
                                           [](const Mount& m) { return m.answered; });
   if (ready) encodeLostRemovals();
   *all = !ready || encode(out_, kFrameTarget);
-  if (ready && *all && resending_) encodeSweeps();
-  if (out_.size() == header) {
+  bool resent = ready && *all && resending_;
+  if (resent) encodeSweeps();
+  // The end of a return is a batch in any case, since the last one may never be acknowledged.
+  if (out_.size() == header && !resent) {
     out_.truncate(start);
   } else {
     ++batch_;
@@ -381,12 +415,22 @@ void Client::encodeSome(bool* all) {
   if (out_.size() != 0) connection_->send(out_.bytes());
 }
 
+// Those of containers come before those in them: what has to be sent for the latter may use a key
+// of the former.
 void Client::encodeLostRemovals() {
-  for (Ref<Entity>& e : std::exchange(lostRemovals_, {})) {
-    Entity* container = e->parent();
-    if (container && !container->dead())
-      encodeRemoval(out_, *container, e->owner()->info(), e->type(), e->keyData(),
-                    itemGeneration(*e), 0);
+  if (lostRemovals_.empty()) return;
+  auto depth = [](const Ref<Entity>& e) {
+    int n = 0;
+    for (const Entity* at = e->parent(); at; at = at->parent()) ++n;
+    return n;
+  };
+  std::vector<Ref<Entity>> lost = std::exchange(lostRemovals_, {});
+  std::stable_sort(lost.begin(), lost.end(), [&](auto& a, auto& b) { return depth(a) < depth(b); });
+  for (Ref<Entity>& e : lost) {
+    ends(placeOf(*e), kNotSent, kNotSent);
+    if (e->parent()->dead()) continue;
+    encodeRemoval(out_, *e->parent(), e->owner()->info(), e->type(), e->keyData(),
+                  itemGeneration(*e), removalFlags(*e));
     removalSent(*e);
   }
 }
@@ -395,39 +439,44 @@ void Client::encodeLostRemovals() {
 void Client::encodeSweeps() {
   for (Ref<Entity>& root : std::exchange(ownRoots_, {})) {
     if (root->dead()) continue;
-    uint32_t handle = containerHandle(out_, *root);
-    out_.u8(static_cast<uint8_t>(Op::sweep));
-    out_.varint(handle);
+    encodeReach(out_, Op::sweep, containerHandle(out_, *root), Reach::journal);
   }
   resending_ = false;
 }
 
 // --- loss and return ----------------------------------------------------------------------------
 
+// Deletions that the hub has not heard of, or perhaps not.
+void Client::gatherLost(std::vector<Ref<Entity>> removals) {
+  for (Ref<Entity>& e : removals) {
+    if (e->parent()->dead()) continue;
+    pending_[placeOf(*e)].writes.push_back({kNotSent, 0, true});
+    lostRemovals_.push_back(std::move(e));
+  }
+}
+
 void Client::reconnected(int fd) {
   // What was on its way may or may not have arrived: it counts as not sent.
-  std::deque<Write> lost = std::exchange(onTheWay_, {});
-  std::unordered_map<const Entity*, Pending> none;
-  pending_.swap(none);
-  removalsOnTheWay_ = 0;
-  lostRemovals_ = takeRemovals();
-  ownRoots_.clear();
-  for (Write& w : lost) {
-    if (w.removal) lostRemovals_.push_back(w.entity);
+  for (Write& w : std::exchange(onTheWay_, {})) {
+    ends(w.place, 0, w.batch);
+    if (w.kind == WriteKind::removal) gatherLost({w.entity});
     if (w.entity->dead()) continue;
     w.entity->dirtyIs(w.entity->dirty() | w.fields);
-    if (w.creation)
+    if (w.kind == WriteKind::creation)
       w.entity->flags = static_cast<uint8_t>((w.entity->flags & ~kUpstream) | kPerhaps);
   }
-  resending_ = true;
+  gatherLost(rewind());
   Publisher::reset();
+  ownRoots_.clear();
+  resending_ = resync_ = true;
   Applier::reset();
   controls_.clear();
   connection_ = std::make_unique<Connection>(fd, static_cast<Connection::Peer&>(*this));
   for (Mount& m : mounts_) {
-    m.answered = false;
+    m.answered = m.ended = false;
     if (m.root) markStale(*m.root, Reach::tree);
   }
+  unsynced_ = mounts_.size();
   mountsSent_ = 0;
   hello();
   sendMounts(controls_);

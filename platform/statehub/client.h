@@ -1,14 +1,16 @@
 // A participant's side of a link: its replica of what it mounted, kept by a connection to a hub.
 //
-// What it writes applies here at once and goes to the hub as its cursors find it. An item with a
-// write on its way ignores what the hub says of it until the hub has applied that write, then takes
-// what holds; what the hub refuses comes back and is repaired. Reactors run at cuts alone.
+// What it writes applies here at once and goes to the hub as its cursors find it. A key with a
+// write on its way ignores what the hub says of it until the hub has applied that write; the hub
+// then tells what stands under that key, whatever became of the write, and that is taken. What is
+// this participant's alone needs none of that: nobody else writes it. Reactors run at cuts alone.
 //
 // A connection that dies leaves the replica as it is; with reconnected() the participant mounts
 // again, sends what is its own, with a comparison, and what else it wrote meanwhile, and its
 // reactors hear only the differences.
 #pragma once
 
+#include <algorithm>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -64,22 +66,24 @@ class RYX_PRIVATE Client final : public EntityManager,
     Group* group = nullptr;  // that waits for it
     bool writable = false;
     bool answered = false;
+    bool ended = false;
     uint32_t handle = 0;  // this side's number for the root
     Ref<Entity> root;
   };
+  enum class WriteKind : uint8_t { attributes, creation, removal };
   struct Write {
     Ref<Entity> entity;
-    uint32_t fields;
+    uint64_t place;  // placeOf() it
     uint64_t batch;
-    bool creation;
-    bool removal;
+    uint32_t fields;
+    WriteKind kind;
   };
-  // What is on its way of one entity, oldest first: each ends on its own.
+  // What is on its way, or has to go again, under one key: each write ends on its own.
   struct Pending {
     struct One {
       uint64_t batch;
       uint32_t fields;
-      bool creation;
+      bool identity;  // which entity stands there is open
     };
     std::vector<One> writes;
     uint32_t fields() const {
@@ -87,8 +91,12 @@ class RYX_PRIVATE Client final : public EntityManager,
       for (const One& w : writes) all |= w.fields;
       return all;
     }
-    bool creation() const { return !writes.empty() && writes.front().creation; }
+    bool identity() const {
+      return std::any_of(writes.begin(), writes.end(), [](const One& w) { return w.identity; });
+    }
   };
+  // The batch of a removal that has to go again and did not yet.
+  static constexpr uint64_t kNotSent = ~uint64_t{0};
 
   // --- Connection::Peer ---
   bool onFrame(std::string_view payload) override;
@@ -101,7 +109,7 @@ class RYX_PRIVATE Client final : public EntityManager,
   void refused(const Item&, Entity*, bool) override {}
   void remove(const Item& item, Entity* there) override;
   uint32_t rootKeep(Entity& e) override;
-  void rootApplied(Entity& e, uint32_t dirtyBefore) override { e.dirtyIs(dirtyBefore); }
+  void rootApplied(Entity& e, uint32_t dirtyBefore, uint8_t) override { e.dirtyIs(dirtyBefore); }
   void sweep(Entity& e) override;
   bool sweepable(Entity& e) override;
   bool control(Op op, Decoder& d) override;
@@ -118,6 +126,9 @@ class RYX_PRIVATE Client final : public EntityManager,
   uint64_t itemGeneration(Entity& e) override {
     return (e.generation() & kProvisional) || !(e.flags & kUpstream) ? 0 : e.generation();
   }
+  uint8_t removalFlags(Entity& e) override { return tracked(e) ? kItemTell : 0; }
+  // What is its own alone may be compared at the hub; of all else each deletion has to be sent.
+  bool isBounded(Entity& root) override { return ownAlone(root); }
   void sent(Entity& e, uint32_t fields) override;
   void removalSent(Entity& e) override;
   void activated() override { wake(); }
@@ -131,10 +142,29 @@ class RYX_PRIVATE Client final : public EntityManager,
   void hello();
   void sendMounts(Encoder& out);
   void removeHere(Entity& e);
-  bool removedHere(const Item& item) const;
-  // Written by this participant alone: nothing that the hub says of it counts.
+  void adopt(Entity& e, uint64_t generation);
+  void forgetGenerations(Entity& below);
+  // Where a key is; two places share a number with negligible probability.
+  static uint64_t placeOf(const CollectionBase* collection, uint64_t hash) {
+    return hash ^ (reinterpret_cast<uintptr_t>(collection) * 0x9e3779b97f4a7c15u);
+  }
+  static uint64_t placeOf(const Entity& e);
+  const Pending* pendingAt(uint64_t place) const {
+    auto at = pending_.find(place);
+    return at == pending_.end() ? nullptr : &at->second;
+  }
+  void wrote(Entity& e, uint32_t fields, WriteKind kind);
+  void ends(uint64_t place, uint64_t firstBatch, uint64_t lastBatch);
+  // Written by this participant alone.
   bool ownAlone(Entity& e) { return owned_.of(agentName(), e, e.parent()) == Ownership::own; }
+  // The top of what is its own.
+  bool ownTop(Entity& e);
+  // Whether the hub's word may cross a write of it.
+  bool tracked(Entity& e);
+  bool returning() const { return resync_ && unsynced_ != 0; }
   void settle(uint64_t batch);
+  void ended(Mount& m, MountStatus status);
+  void gatherLost(std::vector<Ref<Entity>> removals);
   void checkGroups();
 
   Tree replica_;
@@ -144,10 +174,9 @@ class RYX_PRIVATE Client final : public EntityManager,
   size_t mountsSent_ = 0;
   std::vector<Group*> groups_;
   std::deque<Write> onTheWay_;
-  size_t removalsOnTheWay_ = 0;
   std::vector<Ref<Entity>> lostRemovals_;  // to be sent again
   OwnershipCache owned_;
-  std::unordered_map<const Entity*, Pending> pending_;
+  std::unordered_map<uint64_t, Pending> pending_;
   std::vector<Ref<Entity>> ownRoots_;  // to be swept at the hub when all of it was sent again
   Encoder out_;
   Encoder controls_;
@@ -155,8 +184,9 @@ class RYX_PRIVATE Client final : public EntityManager,
   uint64_t batch_ = 0;
   uint64_t acknowledged_ = 0;
   uint64_t incarnation_ = 0;
-  bool adopt_ = false;      // a new life of the hub: its generations are taken over
   bool resending_ = false;  // after a reconnection, until all was sent again
+  bool resync_ = false;     // after a reconnection, until all was received again
+  size_t unsynced_ = 0;     // mounts that did not end yet
   bool cutOwed_ = false;
 };
 

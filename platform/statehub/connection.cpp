@@ -42,6 +42,10 @@ class Connection::Socket final : public Descriptor {
     flush();
   }
 
+  void readingIs(bool on) {
+    if (open_) readableInterestIs(on);
+  }
+
   void shut() {
     if (!open_) return;
     open_ = false;
@@ -97,6 +101,7 @@ class Connection::Socket final : public Descriptor {
       ssize_t n = ::send(fd(), out_.data() + sent_, out_.size() - sent_, MSG_NOSIGNAL);
       if (n <= 0) {
         if (n < 0 && errno == EINTR) continue;
+        if (errno != EAGAIN) readableInterestIs(true);
         break;
       }
       sent_ += static_cast<size_t>(n);
@@ -137,6 +142,9 @@ size_t Connection::unsent() const {
 }
 uint64_t Connection::bytesSent() const {
   return socket_->bytesSent();
+}
+void Connection::readingIs(bool on) {
+  socket_->readingIs(on);
 }
 void Connection::close() {
   socket_->shut();

@@ -35,6 +35,8 @@ class RYX_PRIVATE Connection {
   void send(std::string_view payload);
   size_t unsent() const;
   uint64_t bytesSent() const;
+  // Whether what arrives is read. What was read already is handed over in any case.
+  void readingIs(bool on);
   void close();
 
  private:

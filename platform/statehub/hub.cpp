@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <deque>
 
 #include "platform/activity/task.h"
 #include "platform/base/clock.h"
@@ -22,8 +23,6 @@ TraceFacility& trace() {
   static TraceFacility& facility = TraceFacility::named("RyxHub");
   return facility;
 }
-
-constexpr size_t kMaxRepairs = 4096;  // refusals repaired one by one; past that, by a comparison
 
 bool isName(std::string_view name) {
   return name.size() <= 64 && std::all_of(name.begin(), name.end(), [](char c) {
@@ -87,69 +86,101 @@ class Hub::Session final : public Writer,
   }
 
  private:
-  struct Repair {
+  // What a participant is owed after a write of its own: what stands under that key.
+  struct Told {
     Ref<Entity> container;
-    const CollectionInfo* collection;
-    Ref<Entity> subject;  // what stands; or, with only its key set, what may not
-    bool stands;
-    bool withChildren;
+    const CollectionInfo* collection;  // null: the container's own attributes
+    Ref<Entity> like;                  // has the key
+    bool deep;                         // and all below it
+    bool refused;
   };
 
   // --- Applier ---
   Verdict judge(const Item& item, Entity* there) override {
     openBatch();
-    if (item.flags & kItemCreate) {
-      if (!there && made_ >= kMaxEntities) {
-        ++hub_.counters_.tooMany;
-        refused(item, nullptr, false);
-        return {nullptr, true, 0};
-      }
-      return {there, false, 0};
+    bool create = item.flags & kItemCreate;
+    if (there && &there->type() != item.type) {  // another made it, as something else
+      refused(item, there, true);
+      return {nullptr, true, 0};
     }
-    bool same = there && (item.generation == 0 || item.generation == there->generation());
-    return {there, !same, 0};  // a write to what is gone is lost with it
+    if (create && !there && made_ >= kMaxEntities && !roomAgain()) {
+      ++hub_.counters_.tooMany;
+      refused(item, nullptr, false);
+      return {nullptr, true, 0};
+    }
+    if (create || (there && (item.generation == 0 || item.generation == there->generation())))
+      return {there, false, 0};
+    tell(item, there, true);  // a write to what is gone is lost with it
+    return {nullptr, true, 0};
   }
   void applied(Entity& e, const Item& item, bool made) override {
     if (made) ++made_;
-    if (!(item.flags & kItemCreate) || owned_.of(name_, e, e.parent()) == Ownership::own) return;
-    // Others may delete it and make it anew: its creator is told at once which one is its own, and
-    // what it is, if it stood here already.
-    encodeMade(controls_, e);
-    if (!made) tellAgain(e);
+    if (item.flags & kItemTell) tell(item, &e, (item.flags & kItemCreate) || item.generation == 0);
   }
   void remove(const Item& item, Entity* there) override {
     openBatch();
-    if (!there) return;
-    if (item.generation != 0 && item.generation != there->generation())
-      tellAgain(*there);  // made anew meanwhile; its remover may have passed that over
-    else if (!there->owner()->remove(*there))
-      refused(item, there, true);
+    Ref<Entity> hold(there);
+    bool same = there && (item.generation == 0 || item.generation == there->generation());
+    if (same && !there->owner()->remove(*there)) return refused(item, there, true);
+    if (same && made_ != 0) --made_;
+    if (!same || (item.flags & kItemTell)) tell(item, there, true);
   }
-  void tellAgain(Entity& e) {
-    if (e.type().journalOffset) e.childJournal()->rootTouched();
-    e.owner()->journal()->touched(e);
-    e.dirtyIs(0);
+  void below(Entity& dead) override {
+    if (dead.parent()) tellOf(*dead.parent(), &dead.owner()->info(), Ref<Entity>(&dead), true);
+  }
+  void rootApplied(Entity& root, uint32_t, uint8_t flags) override {
+    if (flags & kItemTell) tellOf(root, nullptr, {}, false);
+  }
+  void tell(const Item& item, Entity* there, bool deep) {
+    Ref<Entity> like(there);
+    if (!like) {
+      like = EntityOps::make(*item.type);
+      item.type->keyKind->assign(like->at(item.type->keyOffset), item.key);
+    }
+    tellOf(*item.container, &item.collection->info(), std::move(like), deep);
+  }
+  void tellOf(Entity& container, const CollectionInfo* collection, Ref<Entity> like, bool deep) {
+    if (!told_.empty()) {
+      Told& last = told_.back();
+      if (last.container.get() == &container && last.collection == collection &&
+          last.like == like) {
+        last.deep |= deep;
+        return;
+      }
+    }
+    told_.push_back({Ref<Entity>(&container), collection, std::move(like), deep, false});
+    if (told_.size() == kMaxTold) connection_->readingIs(false);
+  }
+  // What it made may be gone since: counts what stands where it writes.
+  bool roomAgain() {
+    double now = clock().now();
+    if (now < recountAt_) return false;
+    recountAt_ = now + 1;
+    auto count = [](auto& self, Entity& of) -> uint64_t {
+      uint64_t n = 0;
+      for (const CollectionInfo& c : of.type().collections) {
+        n += of.collection(c).size();
+        for (CollectionIterator it(of.collection(c)); it; it.next())
+          if (!it.get()->type().collections.empty()) n += self(self, *it.get());
+      }
+      return n;
+    };
+    made_ = 0;
+    for (auto& root : written_) made_ += count(count, *root);
+    return made_ < kMaxEntities;
   }
   void sweep(Entity& e) override { EntityOps::remove(e); }
   // A participant compares what is its own: everything else stays.
   bool sweepable(Entity& e) override { return owned_.of(name_, e, e.parent()) == Ownership::own; }
   void refused(const Item& item, Entity* there, bool removal) override {
     note(item.type->name, *item.container);
-    if (repairs_.size() >= kMaxRepairs) {
-      startOver(*item.container->childJournal());
-      return;
-    }
-    Repair r{Ref<Entity>(item.container), &item.collection->info(), Ref<Entity>(there),
-             there != nullptr, removal};
-    if (!there) {
-      r.subject = EntityOps::make(*item.type);
-      item.type->keyKind->assign(r.subject->at(item.type->keyOffset), item.key);
-    }
-    repairs_.push_back(std::move(r));
+    tell(item, there, removal || !there);
+    told_.back().refused = true;
   }
   void rootRefused(Entity& root) override {
     note(root.type().name, root);
-    repairs_.push_back({Ref<Entity>(&root), nullptr, Ref<Entity>(&root), true, false});
+    tellOf(root, nullptr, {}, false);
+    told_.back().refused = true;
   }
   void note(const std::string& type, const Entity& container) {
     ++hub_.counters_.refusedWrites;
@@ -165,8 +196,6 @@ class Hub::Session final : public Writer,
         return mount(d);
       case Op::batch:
         applied_ = d.varint();
-        controls_.u8(static_cast<uint8_t>(Op::applied));
-        controls_.varint(applied_);
         openBatch();
         return true;
       case Op::cut:
@@ -218,6 +247,7 @@ class Hub::Session final : public Writer,
                   << static_cast<int>(status));
     if (status != MountStatus::success) return true;
     if (handle != 0 && !numberIs(handle, root)) return false;
+    if (handle != 0) written_.push_back(Ref<Entity>(root));
     resends_ |= mine != 0;
     uint32_t number = handleOf(*root);
     if (number == 0) number = newHandle();
@@ -257,6 +287,8 @@ class Hub::Session final : public Writer,
     auto depth = std::count(path.begin(), path.end(), '/');
     return depth < std::count(place->path.begin(), place->path.end(), '/') + 1 + place->ownDepth;
   }
+  // What is the participant's own it knows best.
+  bool compares(Entity& e) override { return owned_.of(name_, e, e.parent()) != Ownership::own; }
   uint8_t itemFlags(Entity&) override { return kItemWhole; }
   uint32_t itemFields(Entity&) override { return ~0u; }
   void activated() override { wake(); }
@@ -266,8 +298,13 @@ class Hub::Session final : public Writer,
     while (connection_->open() && connection_->unsent() < kSendAhead) {
       out_.clear();
       std::swap(out_.buffer(), controls_.buffer());
-      encodeRepairs();
-      bool all = encode(out_, kFrameTarget);
+      if (applied_ != appliedTold_) {
+        appliedTold_ = applied_;
+        out_.u8(static_cast<uint8_t>(Op::applied));
+        out_.varint(applied_);
+      }
+      encodeAllTold();
+      bool all = told_.empty() && encode(out_, kFrameTarget);
       if (starting() == 0) {
         for (uint64_t mount : std::exchange(unsynced_, {})) {
           out_.u8(static_cast<uint8_t>(Op::synced));
@@ -298,17 +335,33 @@ class Hub::Session final : public Writer,
     }
     out_.u8(static_cast<uint8_t>(Op::cut));
   }
-  void encodeRepairs() {
-    for (Repair& r : std::exchange(repairs_, {})) {
-      out_.u8(static_cast<uint8_t>(Op::refused));
-      if (!r.collection)
-        encodeForcedRoot(out_, *r.subject);
-      else if (r.stands)
-        encodeForced(out_, *r.subject, r.withChildren);
-      else if (!r.container->dead())
-        encodeRemoval(out_, *r.container, *r.collection, r.subject->type(), r.subject->keyData(), 0,
-                      kItemForced);
+  void encodeAllTold() {
+    while (!told_.empty() && out_.size() < kFrameTarget) {
+      Told t = std::move(told_.front());
+      told_.pop_front();
+      encodeOneTold(std::move(t));
     }
+    if (told_.empty()) connection_->readingIs(true);
+  }
+  void encodeOneTold(Told t) {
+    if (t.refused) out_.u8(static_cast<uint8_t>(Op::refused));
+    // What stood in something that is gone: what stands in its place.
+    for (; t.container->dead(); t.deep = true) {
+      Entity* outer = t.container->parent();
+      if (!outer) return;
+      t.collection = &t.container->owner()->info();
+      t.like = std::exchange(t.container, Ref<Entity>(outer));
+    }
+    if (!t.collection) return encodeToldRoot(out_, *t.container);
+    const TypeInfo& type = t.like->type();
+    Entity* e = t.container->collection(*t.collection).findErased(t.like->keyData(), *type.keyKind);
+    if (!e) return encodeRemoval(out_, *t.container, *t.collection, type, t.like->keyData(), 0, 0);
+    encodeTold(out_, *e, t.deep, [&] {
+      if (out_.size() < kFrameTarget) return;
+      connection_->send(out_.bytes());
+      out_.clear();
+      cutOwed_ = true;
+    });
   }
 
   void openBatch() {
@@ -333,10 +386,13 @@ class Hub::Session final : public Writer,
   bool cutOwed_ = false;
   double lastCut_ = 0;
   uint64_t applied_ = 0, acked_ = 0;
+  uint64_t appliedTold_ = 0;
   uint64_t made_ = 0;
+  double recountAt_ = 0;
+  std::vector<Ref<Entity>> written_;  // the roots of the mounts that it may write
   uint32_t mounts_ = 0;
   std::vector<uint64_t> unsynced_;
-  std::vector<Repair> repairs_;
+  std::deque<Told> told_;
   Encoder out_;
   Encoder controls_;
 };
@@ -355,7 +411,10 @@ Hub::~Hub() {
 }
 
 void Hub::accept(int fd) {
-  sessions_.push_back(std::make_unique<Session>(*this, fd, nextOrigin_++));
+  // Entities keep it longer than sessions and hubs live. The upper bit tells it from the marks of
+  // attributes, which use the other bits of the same word.
+  static uint32_t last = 0;
+  sessions_.push_back(std::make_unique<Session>(*this, fd, 0x80000000u | ++last));
 }
 
 void Hub::dropAll() {

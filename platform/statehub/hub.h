@@ -61,8 +61,6 @@ class RYX_PRIVATE Hub : public Origins, private Timer {
 
   Tree& tree_;
   uint64_t incarnation_;
-  // Told from the marks of attributes, which use the other bits of the same word.
-  uint32_t nextOrigin_ = 0x80000001u;
   int openBatches_ = 0;
   bool forced_ = false;
   Session* applying_ = nullptr;

@@ -19,11 +19,10 @@ class Publisher::Feed final : public Cursor {
     else
       attachAtEnd(*root_->childJournal(), false);
   }
-  void startOver() {
-    Journal& j = *journal();
-    detach();
-    comparing = compareToSay = true;
-    attachAtHead(j, false);
+  void rewind() {
+    goToHead();
+    comparing = compareToSay = false;
+    starting = true;
     enqueue();
   }
   void enqueue() {
@@ -38,12 +37,19 @@ class Publisher::Feed final : public Cursor {
 
  protected:
   void activated() override { enqueue(); }
+  bool isBounded() const override { return publisher_.isBounded(*root_); }
   void overrun() override {
     comparing = compareToSay = true;
     enqueue();
   }
 
  private:
+  void goToHead() {
+    Journal& j = *journal();
+    detach();
+    attachAtHead(j, false);
+  }
+
   Publisher& publisher_;
   Ref<Entity> root_;
 
@@ -67,6 +73,13 @@ void Publisher::publish(Entity& root, uint32_t handle, bool fromStart) {
   if (fromStart) feed->enqueue();
 }
 
+uint32_t Publisher::newHandle() {
+  if (freeHandles_.empty()) return nextHandle_++;
+  uint32_t handle = freeHandles_.back();
+  freeHandles_.pop_back();
+  return handle;
+}
+
 uint32_t Publisher::handleOf(const Entity& container) const {
   auto at = handles_.find(&container);
   return at == handles_.end() ? 0 : at->second.handle;
@@ -77,27 +90,35 @@ uint64_t Publisher::sentVersion(const Journal& journal) const {
   return at == feeds_.end() ? 0 : at->second->version;
 }
 
-void Publisher::startOver(const Journal& journal) {
-  auto at = feeds_.find(&journal);
-  if (at != feeds_.end()) at->second->startOver();
+void Publisher::reset() {
+  handles_.clear();
+  freeHandles_.clear();
+  typesSent_.clear();
+  lastContainer_ = nullptr;
+  nextHandle_ = 1;
 }
 
-std::vector<Ref<Entity>> Publisher::takeRemovals() {
+std::vector<Ref<Entity>> Publisher::rewind() {
   std::vector<Ref<Entity>> removals;
   for (auto& [journal, feed] : feeds_)
     while (Ref<Entity> e = feed->next())
       if (e->dead() && wantsRemoval(*e)) removals.push_back(e);
+  std::erase_if(feeds_, [&](auto& f) {
+    if (!f.second->root().dead()) return false;
+    std::erase(active_, f.second.get());
+    return true;
+  });
+  for (auto& [journal, feed] : feeds_) feed->rewind();
+  starting_ = static_cast<int>(feeds_.size());
   return removals;
 }
 
-void Publisher::reset() {
-  active_.clear();
-  feeds_.clear();
-  handles_.clear();
-  typesSent_.clear();
-  lastContainer_ = nullptr;
-  nextHandle_ = 1;
-  starting_ = 0;
+void Publisher::unpublish(Entity& root) {
+  auto at = feeds_.find(root.childJournal());
+  if (at == feeds_.end()) return;
+  if (at->second->starting) --starting_;
+  std::erase(active_, at->second.get());
+  feeds_.erase(at);
 }
 
 bool Publisher::encode(Encoder& out, size_t limit) {
@@ -106,6 +127,11 @@ bool Publisher::encode(Encoder& out, size_t limit) {
     Feed& feed = *active_.front();
     active_.pop_front();
     feed.queued = false;
+    if (waitsForOuter(feed)) {
+      feed.queued = true;
+      active_.push_back(&feed);
+      continue;
+    }
     if (!encodeFeed(feed, out, limit)) {
       feed.queued = true;
       active_.push_back(&feed);
@@ -114,13 +140,21 @@ bool Publisher::encode(Encoder& out, size_t limit) {
   return true;
 }
 
+// A root that the peer does not know yet waits until what came before it in the outer journal was
+// sent: a deletion under its key may be there.
+bool Publisher::waitsForOuter(Feed& feed) const {
+  const Entity& root = feed.root();
+  if (!root.alive() || handles_.count(&root)) return false;
+  auto outer = feeds_.find(root.owner()->journal());
+  return outer != feeds_.end() && outer->second->queued;
+}
+
 // True when the feed has nothing left.
 bool Publisher::encodeFeed(Feed& feed, Encoder& out, size_t limit) {
   if (feed.compareToSay) {
     feed.compareToSay = false;
     uint32_t handle = containerHandle(out, feed.root());
-    out.u8(static_cast<uint8_t>(Op::compare));
-    out.varint(handle);
+    encodeReach(out, Op::compare, handle, Reach::journal);
     // The root's own attributes are sent again, too.
     encodeRoot(out, feed.root(), handle, kItemWhole, ~0u);
   }
@@ -129,8 +163,8 @@ bool Publisher::encodeFeed(Feed& feed, Encoder& out, size_t limit) {
     Ref<Entity> e = feed.next();
     if (!e) {
       if (std::exchange(feed.comparing, false)) {
-        out.u8(static_cast<uint8_t>(Op::sweep));
-        out.varint(containerHandle(out, feed.root()));
+        encodeReach(out, Op::sweep, containerHandle(out, feed.root()), Reach::journal);
+        forgetDead(out, feed);
       }
       if (std::exchange(feed.starting, false)) --starting_;
       return true;
@@ -141,16 +175,18 @@ bool Publisher::encodeFeed(Feed& feed, Encoder& out, size_t limit) {
       encodeRoot(out, *e, containerHandle(out, *e), itemFlags(*e), fields);
       sent(*e, fields);
     } else if (e->dead()) {
+      // What died with its container goes with it; a root's own end is told by nobody else.
       Entity* container = e->parent();
-      if (wantsRemoval(*e) && !container->dead() && visible(*e))
+      bool told = container->dead() && (container != &feed.root() || handleOf(*container) == 0);
+      if (wantsRemoval(*e) && !told && visible(*e))
         encodeRemoval(out, *container, e->owner()->info(), e->type(), e->keyData(),
-                      itemGeneration(*e), 0);
+                      itemGeneration(*e), removalFlags(*e));
       removalSent(*e);
       forget(out, *e);
     } else {
       bool own = e->type().journalOffset != 0;
       if (!visible(*e)) continue;
-      if (feed.comparing || wants(*e)) {
+      if ((feed.comparing && compares(*e)) || wants(*e)) {
         uint32_t fields = itemFields(*e);
         encodeItem(out, *e, 0);
         sent(*e, fields);
@@ -212,10 +248,6 @@ void Publisher::encodeItem(Encoder& out, Entity& e, uint8_t extraFlags) {
   if (flags & kItemHandle) out.varint(handles_.at(&e).handle);
   out.varint(itemGeneration(e));
   type.keyKind->encode(out, e.keyData());
-  if (flags & kItemMade) {
-    out.u8(0);
-    return;
-  }
   encodeFields(out, e, flags & kItemWhole ? ~0u : itemFields(e),
                flags & (kItemWhole | kItemCreate));
 }
@@ -223,36 +255,61 @@ void Publisher::encodeItem(Encoder& out, Entity& e, uint8_t extraFlags) {
 // The number of a container that the peer knows, or is told here and now.
 uint32_t Publisher::containerHandle(Encoder& out, Entity& container) {
   if (&container == lastContainer_) return lastHandle_;
-  auto at = handles_.find(&container);
-  if (at == handles_.end()) {
-    at = handles_.emplace(&container, Numbered{Ref<Entity>(&container), newHandle()}).first;
-    uint32_t handle = at->second.handle;
+  auto [at, isNew] = handles_.try_emplace(&container);
+  if (isNew) at->second = {Ref<Entity>(&container), newHandle()};
+  uint32_t handle = at->second.handle;
+  if (isNew) {
     uint32_t fields = itemFields(container);
     encodeItem(out, container, kItemHandle);
     if (wants(container)) sent(container, fields);
-    lastContainer_ = &container;
-    return lastHandle_ = handle;
   }
   lastContainer_ = &container;
-  return lastHandle_ = at->second.handle;
+  return lastHandle_ = handle;
+}
+
+void Publisher::encodeReach(Encoder& out, Op op, uint32_t handle, Reach reach) {
+  out.u8(static_cast<uint8_t>(op));
+  out.varint(handle);
+  out.u8(static_cast<uint8_t>(reach));
+}
+
+void Publisher::encodeToldItem(Encoder& out, Entity& e, bool numbered) {
+  if (numbered) {
+    auto [at, isNew] = handles_.try_emplace(&e);
+    if (isNew) at->second = {Ref<Entity>(&e), newHandle()};
+  }
+  encodeItem(out, e, numbered ? kItemHandle : 0);
+}
+
+void Publisher::renumber(Encoder& out, const Entity& container) {
+  auto at = handles_.find(&container);
+  if (at == handles_.end()) return;
+  out.u8(static_cast<uint8_t>(Op::forget));
+  out.varint(at->second.handle);
+  if (lastContainer_ == &container) lastContainer_ = nullptr;
+  freeHandles_.push_back(at->second.handle);
+  handles_.erase(at);
+}
+
+// Those whose deletions a comparison stood in for.
+void Publisher::forgetDead(Encoder& out, Feed& feed) {
+  std::vector<Ref<Entity>> dead;
+  for (auto& [container, numbered] : handles_)
+    if (container->dead() && container != &feed.root()) dead.push_back(numbered.entity);
+  for (auto& e : dead) forget(out, *e);
 }
 
 void Publisher::forget(Encoder& out, const Entity& container) {
-  auto at = handles_.find(&container);
-  if (at != handles_.end()) {
-    out.u8(static_cast<uint8_t>(Op::forget));
-    out.varint(at->second.handle);
-    if (lastContainer_ == &container) lastContainer_ = nullptr;
-    handles_.erase(at);
-  }
-  if (uint16_t own = container.type().journalOffset) {
-    auto feed = feeds_.find(static_cast<const Journal*>(container.at(own)));
-    if (feed == feeds_.end()) return;
-    if (feed->second->starting) --starting_;
-    if (feed->second->queued)
-      active_.erase(std::find(active_.begin(), active_.end(), feed->second.get()));
-    feeds_.erase(feed);
-  }
+  renumber(out, container);
+  uint16_t own = container.type().journalOffset;
+  auto at = own ? feeds_.find(static_cast<const Journal*>(container.at(own))) : feeds_.end();
+  if (at == feeds_.end()) return;
+  std::unique_ptr<Feed> feed = std::move(at->second);
+  feeds_.erase(at);
+  if (feed->starting) --starting_;
+  if (feed->queued) std::erase(active_, feed.get());
+  while (Ref<Entity> e = feed->next())
+    if (e->dead()) forget(out, *e);
 }
 
 void Publisher::encodeRemoval(Encoder& out, Entity& container, const CollectionInfo& collection,
@@ -269,21 +326,9 @@ void Publisher::encodeRemoval(Encoder& out, Entity& container, const CollectionI
   type.keyKind->encode(out, key);
 }
 
-void Publisher::encodeMade(Encoder& out, Entity& e) {
-  encodeItem(out, e, kItemMade);
-}
-
-void Publisher::encodeForcedRoot(Encoder& out, Entity& root) {
+void Publisher::encodeToldRoot(Encoder& out, Entity& root) {
   if (root.dead()) return;
-  encodeRoot(out, root, containerHandle(out, root), kItemWhole | kItemForced, ~0u);
-}
-
-void Publisher::encodeForced(Encoder& out, Entity& e, bool withChildren) {
-  if (!e.alive() || !e.parent() || !visible(e)) return;
-  encodeItem(out, e, kItemWhole | kItemForced);
-  if (!withChildren) return;
-  for (const CollectionInfo& c : e.type().collections)
-    for (CollectionIterator it(e.collection(c)); it; it.next()) encodeForced(out, *it.get(), true);
+  encodeRoot(out, root, containerHandle(out, root), kItemWhole, ~0u);
 }
 
 }  // namespace ryx::platform

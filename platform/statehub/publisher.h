@@ -27,7 +27,7 @@ class RYX_PRIVATE Publisher {
   bool publishes(const Journal& journal) const { return feeds_.count(&journal) != 0; }
   // The root's number, 0 when it is not published.
   uint32_t handleOf(const Entity& container) const;
-  uint32_t newHandle() { return nextHandle_++; }
+  uint32_t newHandle();
 
   // Encodes operations until `out` holds `limit` bytes or there is nothing left; true in that case.
   bool encode(Encoder& out, size_t limit);
@@ -36,27 +36,32 @@ class RYX_PRIVATE Publisher {
   int starting() const { return starting_; }
   // How far the cursor on that journal is; 0 when it is not published.
   uint64_t sentVersion(const Journal& journal) const;
-  // All of it again, to be compared, from the next encode() on.
-  void startOver(const Journal& journal);
 
-  // Hands over the deletions that were not encoded.
-  std::vector<Ref<Entity>> takeRemovals();
-  // Everything is void: a new connection. What is published has to be published again.
+  // A new connection: the numbers and types that the peer was told are void.
   void reset();
+  // All that is published goes to the peer from its start. Hands over the deletions that were not
+  // encoded, and are not going to be.
+  std::vector<Ref<Entity>> rewind();
+  void unpublish(Entity& root);
 
-  // One entity, in full, to hold against whatever the peer has written; and all below it.
-  void encodeForced(Encoder& out, Entity& e, bool withChildren);
-  void encodeForcedRoot(Encoder& out, Entity& root);
-  // Tells the peer the generation of what it made.
-  void encodeMade(Encoder& out, Entity& e);
+  // What stands, in full: the entity and, with `deep`, all below it, to be compared. `whenLarge` is
+  // called where `out` may be taken and emptied.
+  template <class WhenLarge>
+  void encodeTold(Encoder& out, Entity& e, bool deep, WhenLarge&& whenLarge);
+  void encodeToldRoot(Encoder& out, Entity& root);
   // The number of a container that the peer knows, or is told here and now.
   uint32_t containerHandle(Encoder& out, Entity& container);
+  // The peer's notion of that number is outdated: the next use tells it anew.
+  void renumber(Encoder& out, const Entity& container);
+  void encodeReach(Encoder& out, Op op, uint32_t handle, Reach reach);
   void encodeRemoval(Encoder& out, Entity& container, const CollectionInfo& collection,
                      const TypeInfo& type, const void* key, uint64_t generation, uint8_t flags);
 
  protected:
-  // Whether a living entity has to be sent; whether a deletion has to be.
+  // Whether a living entity has to be sent; whether one has to that is going to be compared;
+  // whether a deletion has to be.
   virtual bool wants(Entity& e) = 0;
+  virtual bool compares(Entity&) { return true; }
   virtual bool wantsRemoval(Entity& e) = 0;
   // Whether the peer may know of it at all (and so of everything below it).
   virtual bool visible(Entity& e) = 0;
@@ -64,6 +69,9 @@ class RYX_PRIVATE Publisher {
   virtual uint8_t itemFlags(Entity& e) = 0;
   virtual uint32_t itemFields(Entity& e) = 0;
   virtual uint64_t itemGeneration(Entity& e) { return e.generation(); }
+  virtual uint8_t removalFlags(Entity&) { return 0; }
+  // Whether a walk over all of it, to be compared, may take the place of its deletions.
+  virtual bool isBounded(Entity& /*root*/) { return true; }
   // It was encoded with those attributes.
   virtual void sent(Entity&, uint32_t /*fields*/) {}
   virtual void removalSent(Entity&) {}
@@ -76,11 +84,14 @@ class RYX_PRIVATE Publisher {
 
   bool encodeFeed(Feed& feed, Encoder& out, size_t limit);
   void encodeItem(Encoder& out, Entity& e, uint8_t extraFlags);
+  void encodeToldItem(Encoder& out, Entity& e, bool numbered);
   void encodeRoot(Encoder& out, const Entity& root, uint32_t handle, uint8_t flags,
                   uint32_t fields);
   void encodeFields(Encoder& out, const Entity& e, uint32_t fields, bool skipDefaults);
   void encodeType(Encoder& out, const TypeInfo& type);
   void forget(Encoder& out, const Entity& container);
+  void forgetDead(Encoder& out, Feed& feed);
+  bool waitsForOuter(Feed& feed) const;
 
   struct Numbered {
     Ref<Entity> entity;
@@ -93,7 +104,33 @@ class RYX_PRIVATE Publisher {
   const Entity* lastContainer_ = nullptr;
   uint32_t lastHandle_ = 0;
   uint32_t nextHandle_ = 1;
+  std::vector<uint32_t> freeHandles_;
   std::vector<bool> typesSent_;
 };
+
+template <class WhenLarge>
+void Publisher::encodeTold(Encoder& out, Entity& e, bool deep, WhenLarge&& whenLarge) {
+  if (!visible(e)) return;
+  bool container = !e.type().collections.empty();
+  bool compare = deep && container && compares(e);
+  encodeToldItem(out, e, container);
+  if (!compare) return;
+  uint32_t handle = containerHandle(out, e);
+  encodeReach(out, Op::compare, handle, Reach::tree);
+  auto below = [&](auto& self, Entity& of) -> void {
+    for (const CollectionInfo& c : of.type().collections) {
+      if (c.marks & kLocal) continue;
+      for (CollectionIterator it(of.collection(c)); it; it.next()) {
+        Entity& child = *it.get();
+        if (!visible(child) || !compares(child)) continue;
+        encodeToldItem(out, child, !child.type().collections.empty());
+        whenLarge();
+        self(self, child);
+      }
+    }
+  };
+  below(below, e);
+  encodeReach(out, Op::sweep, containerHandle(out, e), Reach::tree);
+}
 
 }  // namespace ryx::platform

@@ -18,8 +18,8 @@ enum class Op : uint8_t {
   remove = 5,   // container, collection, type, generation, key
   forget = 6,   // container: its number means nothing any more
   cut = 7,      // everything up to some version was sent, and nothing newer is missing
-  sweep = 8,    // container: what was not sent again since its `compare` is gone
-  compare = 9,  // container: all below it is going to be sent again
+  sweep = 8,    // container, reach: what was not sent again since its `compare` is gone
+  compare = 9,  // container, reach: all below it is going to be sent again
   // From a participant.
   mount = 20,  // number, path, type name, mode
   batch = 21,  // number of the writes behind it in this frame
@@ -28,7 +28,7 @@ enum class Op : uint8_t {
   synced = 31,   // mount: all of it has been sent
   applied = 32,  // batch: what follows includes it
   ack = 33,      // batch: so does all that it implied
-  refused = 34,  // a write was refused; why. The state that holds follows, forced.
+  refused = 34,  // a write was refused; what holds follows
 };
 
 inline constexpr uint32_t kWireMagic = 0x31585952;  // "RYX1"
@@ -38,17 +38,20 @@ inline constexpr uint32_t kWireVersion = 1;
 inline constexpr uint8_t kItemWhole = 1;   // attributes that are not there have their defaults
 inline constexpr uint8_t kItemHandle = 2;  // a number for this entity as a container follows
 inline constexpr uint8_t kItemCreate = 4;  // the sender made it (else it is one that it was sent)
-inline constexpr uint8_t kItemForced = 8;  // holds against writes that are on their way
-inline constexpr uint8_t kItemMade = 16;   // the receiver made it: its generation, nothing else
+inline constexpr uint8_t kItemTell = 8;    // the sender is to be told what stands afterwards
+
+// How far `compare` and `sweep` reach: to the journals below, or through them.
+enum class Reach : uint8_t { journal = 0, tree = 1 };
 
 // Named bounds.
-inline constexpr size_t kMaxFrame = 1 << 20;       // bytes of one frame's payload
+inline constexpr size_t kMaxFrame = 16 << 20;      // bytes of one frame's payload
 inline constexpr size_t kFrameTarget = 32 * 1024;  // a sender starts a new frame past that
 inline constexpr size_t kSendAhead = 256 * 1024;   // unsent bytes past which nothing is encoded
 inline constexpr uint32_t kMaxHandles = 4u << 20;  // containers that one side may number
 inline constexpr uint32_t kMaxTypes = 4096;        // types that one side may declare
 inline constexpr uint32_t kMaxMounts = 4096;       // mounts of one participant
 inline constexpr size_t kMaxPath = 4096;           // bytes of a mount's path
+inline constexpr size_t kMaxTold = 16384;  // answers owed past which a participant is not read
 inline constexpr double kForcedCutSeconds = 0.02;  // a cut is forced when none came for so long
 
 }  // namespace ryx::platform

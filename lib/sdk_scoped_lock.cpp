@@ -43,8 +43,7 @@ bool lockForApi(ActivityLock& mutex) {
   return result == 0;
 }
 
-// One write, so that the texts of several threads do not mix.
-void writeDiagnostic(pthread_t caller) {
+void writeDiagnostic(pthread_t caller, pthread_t owner, int count) {
   void* frames[kBacktraceFrames];
   backtrace_symbols_fd(frames, backtrace(frames, kBacktraceFrames), STDERR_FILENO);
   std::fprintf(stderr,
@@ -55,8 +54,7 @@ void writeDiagnostic(pthread_t caller) {
                "\n"
                "  scopedLockOwnerCount: %d\n"
                "  myThreadId: %" PRIuMAX "\n",
-               static_cast<uintmax_t>(record.mainThreadId),
-               static_cast<uintmax_t>(record.scopedLockOwner), record.scopedLockOwnerCount,
+               static_cast<uintmax_t>(record.mainThreadId), static_cast<uintmax_t>(owner), count,
                static_cast<uintmax_t>(caller));
 }
 
@@ -83,7 +81,7 @@ void checkApiThread(pthread_t foundOwner, int foundCount) {
     record.multiThreaded = true;
   }
   if (foundCount > 0 && pthread_equal(foundOwner, self)) return;
-  writeDiagnostic(self);
+  writeDiagnostic(self, foundOwner, foundCount);
   panic(no_scoped_lock_obtained_error());
 }
 

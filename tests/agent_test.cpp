@@ -40,7 +40,7 @@ class Agent : public agent_handler {
  private:
   void hear(const std::string& event) {
     log.push_back(event);
-    if (const std::function<void()> now = then) now();
+    if (const std::function<void()> callback = then) callback();
   }
 };
 

@@ -103,6 +103,7 @@ void IntfExistenceReactor::onEntity(Entity& entity, Change change) {
   auto& entry = static_cast<decltype(AllIntfConfigDir::intf)::Entry&>(entity);
   const intf_id_t intf = convert(entry.key());
   if (is_internal_interface(intf)) return;
+  wake();  // a loop that a handler runs gets on with what is left
   const CallbackGuard guard(helper_);
   std::vector<intf_id_t>& hidden = helper_.hidden_;
   if (change == Change::created) {

@@ -252,6 +252,7 @@ void IntfMgrSm::onEntity(Entity& entity, Change) {
   const intf_id_t intf = convert(entry.key());
   IntfSm* sm = find(intf);
   if (sm == nullptr) return;
+  wake();  // a loop that a handler runs gets on with what is left
   sm->status.statusIs(helper_.status(intf));
   sm->status.report();
 }
@@ -264,6 +265,7 @@ bool IntfMgrSm::FirstReports::run(Slice& slice) {
   while (!intfs_.empty()) {
     const intf_id_t intf = intfs_.back();
     intfs_.pop_back();
+    if (!intfs_.empty()) wake();
     if (IntfSm* sm = sm_.find(intf)) sm->status.report();
     if (slice.spent()) break;
   }

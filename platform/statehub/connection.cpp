@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -13,7 +14,7 @@
 namespace ryx::platform {
 namespace {
 
-constexpr size_t kReadBytes = 256 * 1024;  // at most so much is read in one callback
+constexpr size_t kReadBytes = 64 * 1024;  // at most so much is read in one callback
 
 }  // namespace
 
@@ -68,26 +69,47 @@ class Connection::Socket final : public Descriptor {
   }
 
   bool readAll(const bool& destroyed) {
-    size_t had = in_.size();
-    in_.resize(had + kReadBytes);
-    ssize_t n = ::recv(fd(), in_.data() + had, kReadBytes, 0);
-    in_.resize(had + (n > 0 ? static_cast<size_t>(n) : 0));
+    makeRoom();
+    ssize_t n = ::recv(fd(), in_.get() + end_, capacity_ - end_, 0);
     if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) return false;
-    std::string_view rest = in_;
-    while (rest.size() >= 4) {
-      uint32_t length = 0;
-      for (int i = 0; i < 4; ++i)
-        length |= uint32_t{static_cast<uint8_t>(rest[static_cast<size_t>(i)])} << (8 * i);
+    if (n > 0) end_ += static_cast<size_t>(n);
+    while (end_ - begin_ >= 4) {
+      uint32_t length = pendingLength();
       if (length > kMaxFrame) return false;
-      if (rest.size() < 4 + size_t{length}) break;
-      bool good = peer_.onFrame(rest.substr(4, length));
+      if (end_ - begin_ < 4 + size_t{length}) break;
+      std::string_view payload(in_.get() + begin_ + 4, length);
+      begin_ += 4 + size_t{length};
+      bool good = peer_.onFrame(payload);
       if (destroyed) return true;
       if (!good || !open_) return false;
-      rest.remove_prefix(4 + size_t{length});
     }
-    in_.erase(0, in_.size() - rest.size());
     peer_.onFramesDone();
     return true;
+  }
+
+  uint32_t pendingLength() const {
+    uint32_t length = 0;
+    for (size_t i = 0; i < 4; ++i)
+      length |= uint32_t{static_cast<uint8_t>(in_[begin_ + i])} << (8 * i);
+    return length;
+  }
+
+  // What is left of a frame moves to the front; there is room for all of it, and to read on.
+  void makeRoom() {
+    size_t left = end_ - begin_;
+    size_t wanted = kReadBytes;
+    if (left >= 4)
+      wanted = std::max(wanted, 4 + size_t{std::min<uint32_t>(pendingLength(), kMaxFrame)});
+    if (wanted > capacity_) {
+      std::unique_ptr<char[]> larger(new char[wanted]);  // not initialised
+      if (left != 0) std::memcpy(larger.get(), in_.get() + begin_, left);
+      in_ = std::move(larger);
+      capacity_ = wanted;
+    } else if (left != 0 && begin_ != 0) {
+      std::memmove(in_.get(), in_.get() + begin_, left);
+    }
+    begin_ = 0;
+    end_ = left;
   }
 
   void onWritable() override {
@@ -120,7 +142,10 @@ class Connection::Socket final : public Descriptor {
   Peer& peer_;
   bool open_ = true;
   bool* destroyed_ = nullptr;
-  std::string in_;
+  std::unique_ptr<char[]> in_;
+  size_t capacity_ = 0;
+  size_t begin_ = 0;
+  size_t end_ = 0;
   std::string out_;
   size_t sent_ = 0;
   uint64_t bytesSent_ = 0;

@@ -130,7 +130,7 @@ bool Applier::place(Decoder& d, Item* item, uint64_t* handle, PeerType** type, b
   // A container may be gone here already, or be of a type that is not known here.
   Entity* container = item->container = numbered(containerNumber);
   if (!container) return true;
-  if (container->dead() || !container->childJournal()) return below(*container), true;
+  if (container->dead() || !container->childJournal()) return below(*container, item->flags), true;
   const TypeInfo& containerType = container->type();
   // The sender's index of the collection, through its own declaration of the container's type.
   const CollectionInfo* info = nullptr;
@@ -260,7 +260,7 @@ bool Applier::rootFields(Decoder& d) {
   item.flags = d.u8();
   Entity* root = numbered(d.varint());
   PeerType* type = root ? declared(root->type()) : nullptr;
-  if (root && root->dead()) below(*root);
+  if (root && root->dead()) below(*root, item.flags);
   if (!type || root->dead()) return skipFields(d);
   uint32_t dirty = root->dirty();
   uint64_t refusals = refusals_;

@@ -57,7 +57,7 @@ class RYX_PRIVATE Applier {
   virtual void refused(const Item& item, Entity* there, bool removal) = 0;
   virtual void remove(const Item& item, Entity* there) = 0;
   // Something was to be done below a container that is dead here; nothing was.
-  virtual void below(Entity& /*dead*/) {}
+  virtual void below(Entity& /*dead*/, uint8_t /*flags*/) {}
   // The same for a container's own attributes.
   virtual uint32_t rootKeep(Entity&) { return 0; }
   virtual void rootApplied(Entity&, uint32_t /*dirtyBefore*/, uint8_t /*flags*/) {}

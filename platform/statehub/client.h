@@ -48,6 +48,7 @@ class RYX_PRIVATE Client final : public EntityManager,
   void onLostIs(std::function<void()> lost) override { lost_ = std::move(lost); }
 
   uint64_t acknowledged() const override { return acknowledged_; }
+  uint64_t bytesSent() const override { return connection_ ? connection_->bytesSent() : 0; }
   uint64_t batches() const override { return batch_; }
 
  private:

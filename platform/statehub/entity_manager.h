@@ -94,6 +94,8 @@ class RYX_PRIVATE EntityManager : public Writer {
   // implied is done.
   virtual uint64_t batches() const { return 0; }
   virtual uint64_t acknowledged() const { return 0; }
+  // Bytes that the present connection took.
+  virtual uint64_t bytesSent() const { return 0; }
   // The sockets to Statehub, for their buffer sizes. None embedded.
   virtual std::vector<int> connections() const = 0;
 

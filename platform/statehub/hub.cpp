@@ -110,7 +110,8 @@ class Hub::Session final : public Writer,
     }
     if (create || (there && (item.generation == 0 || item.generation == there->generation())))
       return {there, false, 0};
-    tell(item, there, true);  // a write to what is gone is lost with it
+    if (item.flags & kItemTell) tell(item, there, true);
+    // A write to what is gone is lost with it.
     return {nullptr, true, 0};
   }
   void applied(Entity& e, const Item& item, bool made) override {
@@ -123,10 +124,11 @@ class Hub::Session final : public Writer,
     bool same = there && (item.generation == 0 || item.generation == there->generation());
     if (same && !there->owner()->remove(*there)) return refused(item, there, true);
     if (same && made_ != 0) --made_;
-    if (!same || (item.flags & kItemTell)) tell(item, there, true);
+    if (item.flags & kItemTell) tell(item, there, true);
   }
-  void below(Entity& dead) override {
-    if (dead.parent()) tellOf(*dead.parent(), &dead.owner()->info(), Ref<Entity>(&dead), true);
+  void below(Entity& dead, uint8_t flags) override {
+    if ((flags & kItemTell) && dead.parent())
+      tellOf(*dead.parent(), &dead.owner()->info(), Ref<Entity>(&dead), true);
   }
   void rootApplied(Entity& root, uint32_t, uint8_t flags) override {
     if (flags & kItemTell) tellOf(root, nullptr, {}, false);

@@ -23,8 +23,8 @@
 namespace ryx::platform {
 namespace {
 
-using ryx::testing::JsonCheck;
-using ryx::testing::randomRuns;
+using ryx::test::JsonCheck;
+using ryx::test::randomRuns;
 
 // --- values ------------------------------------------------------------------------------------
 

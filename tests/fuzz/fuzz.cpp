@@ -17,13 +17,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "platform/model/acl.h"
+#include "platform/model/lldp.h"
+#include "platform/model/routing.h"
 #include "platform/types/eth.h"
 #include "platform/types/intf.h"
 #include "platform/types/ip.h"
 #include "ryx/ip.h"
+#include "tests/support/json.h"
 
 namespace ryx::fuzz {
 
@@ -114,11 +121,64 @@ inline void fuzzInterfaceName(const uint8_t* data, size_t size) {
   require(!named || again == any, "an identifier's name gives the identifier");
 }
 
+// The decoding of a value: from bytes it gives one that survives its own encoding and prints as
+// JSON, or nothing.
+template <class Value>
+void decodeAs(std::string_view bytes) {
+  const platform::Kind& kind = platform::kindOf<Value>();
+  Value value{}, again{};
+  platform::Decoder decoder(bytes);
+  bool ok = kind.decode(decoder, &value);
+  require(ok == !decoder.failed(), "a decoder knows that it failed");
+  if (!ok) return require(kind.isDefault(&value), "what is refused leaves nothing of itself");
+  platform::Encoder encoder;
+  kind.encode(encoder, &value);
+  platform::Decoder second(encoder.bytes());
+  require(kind.decode(second, &again) && second.done(), "what is encoded decodes");
+  require(kind.equal(&value, &again), "to the same value");
+  require(kind.hash(&value) == kind.hash(&again), "with the same hash");
+  platform::JsonWriter writer;
+  kind.dump(writer, &value);
+  require(test::JsonCheck::isValid(writer.text()), "a value prints as JSON");
+  platform::Decoder skipper(encoder.bytes());
+  platform::kinds::skipValue(skipper, kind.wire);
+  require(skipper.done() && !skipper.failed(), "who does not know a value passes over it");
+}
+
+// The first byte says which kind.
+inline void fuzzValueDecode(const uint8_t* data, size_t size) {
+  static constexpr void (*kKinds[])(std::string_view) = {
+      decodeAs<uint16_t>,
+      decodeAs<int64_t>,
+      decodeAs<double>,
+      decodeAs<std::string>,
+      decodeAs<platform::Name>,
+      decodeAs<platform::IpPrefix>,
+      decodeAs<platform::VlanId>,
+      decodeAs<platform::Routing::RouteKey>,
+      decodeAs<platform::SmallSet<platform::Routing::Via>>,
+      decodeAs<platform::Acl::IpRule>,
+      decodeAs<platform::Lldp::Msap>,
+      decodeAs<std::vector<platform::Lldp::ManagementAddress>>,
+      decodeAs<std::map<std::string, std::vector<int8_t>>>,
+  };
+  if (size == 0) return;
+  kKinds[data[0] % std::size(kKinds)](textOf(data + 1, size - 1));
+}
+
+inline void fuzzJson(const uint8_t* data, size_t size) {
+  platform::JsonWriter writer;
+  writer.beginObject();
+  writer.key(textOf(data, size));
+  writer.string(textOf(data, size));
+  writer.endObject();
+  require(test::JsonCheck::isValid(writer.text()), "any bytes print as a JSON string");
+}
+
 inline constexpr FuzzTarget kFuzzTargets[] = {
-    {"ip-address", fuzzIpAddr},
-    {"ip-prefix", fuzzIpPrefix},
-    {"mac-address", fuzzMacAddr},
-    {"interface-name", fuzzInterfaceName},
+    {"ip-address", fuzzIpAddr},        {"ip-prefix", fuzzIpPrefix},
+    {"mac-address", fuzzMacAddr},      {"interface-name", fuzzInterfaceName},
+    {"value-decode", fuzzValueDecode}, {"json", fuzzJson},
 };
 
 inline void runTarget(const FuzzTarget& target, const uint8_t* data, size_t size) {

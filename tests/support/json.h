@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-namespace ryx::testing {
+namespace ryx::test {
 
 class JsonCheck {
  public:
@@ -116,4 +116,4 @@ class JsonCheck {
   size_t at_ = 0;
 };
 
-}  // namespace ryx::testing
+}  // namespace ryx::test

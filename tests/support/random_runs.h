@@ -8,7 +8,7 @@
 #include <random>
 #include <string>
 
-namespace ryx::testing {
+namespace ryx::test {
 
 inline unsigned fromEnvironment(const char* name, unsigned otherwise) {
   const char* text = std::getenv(name);
@@ -27,4 +27,4 @@ void randomRuns(unsigned count, F&& run) {
   }
 }
 
-}  // namespace ryx::testing
+}  // namespace ryx::test

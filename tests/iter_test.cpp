@@ -235,7 +235,7 @@ TEST(IteratorDeathTest, misuseByAManager) {
   label_iter_impl impl;
   EXPECT_DEATH(impl.next(), "Iterator has not been initialized");
   EXPECT_DEATH(impl.current(), "Iterator has not been initialized");
-  EXPECT_DEATH(static_cast<bool>(label_iter_t(new label_iter_impl)),
+  EXPECT_DEATH((void)static_cast<bool>(label_iter_t(new label_iter_impl)),
                "Iterator has not been initialized");
   impl.initialize();
   EXPECT_DEATH(impl.add_iter(keys(a)), "All iterators must be added before initialization");

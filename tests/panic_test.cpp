@@ -127,7 +127,8 @@ TEST(Panic, families) {
 
 // An address without a family has no text, so its error is that one.
 TEST(Panic, overlapOfNoAddress) {
-  EXPECT_THROW(ryx::address_overlap_error(ryx::ip_addr_mask_t()), ryx::invalid_argument_error);
+  const ryx::ip_addr_mask_t none;
+  EXPECT_THROW(ryx::address_overlap_error{none}, ryx::invalid_argument_error);
 }
 
 TEST(Panic, formatted) {

@@ -1,5 +1,6 @@
 #include "platform/qel/codec.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -25,6 +26,10 @@ size_t utf8Length(std::string_view s) {
 }
 
 }  // namespace
+
+void Encoder::grow(size_t n) {
+  out_.resize(size_ + n + std::max<size_t>(size_, 64));
+}
 
 void JsonWriter::separate() {
   if (!first_ && !afterKey_) out_ += ',';

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/base/api.h"
 
@@ -15,55 +16,81 @@ namespace ryx::platform {
 
 class Encoder {
  public:
-  const std::string& bytes() const { return out_; }
-  std::string& buffer() { return out_; }
-  size_t size() const { return out_.size(); }
-  void clear() { out_.clear(); }
+  // What was written, as a view that the next write ends, or as a string.
+  std::string_view view() const { return {out_.data(), size_}; }
+  const std::string& bytes() const {
+    out_.resize(size_);
+    return out_;
+  }
+  size_t size() const { return size_; }
+  void clear() { size_ = 0; }
+  void swap(Encoder& o) noexcept {
+    out_.swap(o.out_);
+    std::swap(size_, o.size_);
+  }
 
-  void u8(uint8_t v) { out_.push_back(static_cast<char>(v)); }
+  void u8(uint8_t v) {
+    *room(1) = static_cast<char>(v);
+    ++size_;
+  }
   void varint(uint64_t v) {
-    char tmp[10];
-    int n = 0;
+    char* at = room(kMaxVarint);
     while (v >= 0x80) {
-      tmp[n++] = static_cast<char>(v | 0x80);
+      *at++ = static_cast<char>(v | 0x80);
       v >>= 7;
     }
-    tmp[n++] = static_cast<char>(v);
-    out_.append(tmp, n);
+    *at++ = static_cast<char>(v);
+    size_ = static_cast<size_t>(at - out_.data());
   }
   // Signed numbers, small magnitudes short.
   void zigzag(int64_t v) {
     varint((static_cast<uint64_t>(v) << 1) ^ static_cast<uint64_t>(v >> 63));
   }
-  void raw(const void* data, size_t size) { out_.append(static_cast<const char*>(data), size); }
+  void raw(const void* data, size_t size) {
+    if (size == 0) return;
+    std::memcpy(room(size), data, size);
+    size_ += size;
+  }
   void text(std::string_view v) {
     varint(v.size());
-    out_.append(v);
+    raw(v.data(), v.size());
   }
   // A length that is known only afterwards. One byte is kept free for it; what is longer than 127
   // bytes moves up once.
   size_t beginLength() {
-    out_.push_back('\0');
-    return out_.size();
+    u8(0);
+    return size_;
   }
   void endLength(size_t mark) {
-    size_t n = out_.size() - mark;
+    size_t n = size_ - mark;
     if (n < 0x80) {
       out_[mark - 1] = static_cast<char>(n);
       return;
     }
-    char tmp[10];
-    int used = 0;
+    char tmp[kMaxVarint];
+    size_t used = 0;
     for (size_t v = n; used == 0 || v != 0; v >>= 7)
       tmp[used++] = static_cast<char>((v & 0x7f) | (v >= 0x80 ? 0x80 : 0));
-    out_.insert(mark, static_cast<size_t>(used - 1), '\0');
-    std::memcpy(&out_[mark - 1], tmp, static_cast<size_t>(used));
+    room(used - 1);
+    std::memmove(&out_[mark - 1 + used], &out_[mark], n);
+    std::memcpy(&out_[mark - 1], tmp, used);
+    size_ += used - 1;
   }
   // Takes back everything behind `size`.
-  void truncate(size_t size) { out_.resize(size); }
+  void truncate(size_t size) { size_ = size; }
 
  private:
-  std::string out_;
+  static constexpr size_t kMaxVarint = 10;
+
+  char* room(size_t n) {
+    if (out_.size() - size_ < n) [[unlikely]]
+      grow(n);
+    return out_.data() + size_;
+  }
+  RYX_PRIVATE void grow(size_t n);
+
+  mutable std::string out_;  // as long as there is room, mostly longer than what was written
+  size_t size_ = 0;
 };
 
 class Decoder {

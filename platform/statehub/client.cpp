@@ -391,7 +391,7 @@ bool Client::run(Slice& slice) {
 // One frame. `all`: nothing is left to encode.
 void Client::encodeSome(bool* all) {
   out_.clear();
-  std::swap(out_.buffer(), controls_.buffer());
+  out_.swap(controls_);
   size_t start = out_.size();
   out_.u8(static_cast<uint8_t>(Op::batch));
   out_.varint(batch_ + 1);
@@ -412,7 +412,7 @@ void Client::encodeSome(bool* all) {
     cutOwed_ = true;
   }
   if (*all && std::exchange(cutOwed_, false)) out_.u8(static_cast<uint8_t>(Op::cut));
-  if (out_.size() != 0) connection_->send(out_.bytes());
+  if (out_.size() != 0) connection_->send(out_.view());
 }
 
 // Those of containers come before those in them: what has to be sent for the latter may use a key

@@ -48,8 +48,10 @@ class Hub::Session final : public Writer,
 
   const std::string& name() const { return name_; }
   bool greeted() const { return greeted_; }
+  uint32_t origin() const { return origin_; }
+  bool batchOpen() const { return batchOpen_; }
   void cutPossible() {
-    if (cutOwed_) wake();
+    if (cutOwed_ || applied_ != acked_) wake();
   }
   void end() {
     connection_->close();
@@ -291,6 +293,10 @@ class Hub::Session final : public Writer,
   }
   // What is the participant's own it knows best.
   bool compares(Entity& e) override { return owned_.of(name_, e, e.parent()) != Ownership::own; }
+  // Of somebody who is in the middle of what it sends, this one has a part now, or may have.
+  void sent(Entity& e, uint32_t) override { noteMixed(e); }
+  void removalSent(Entity& e) override { noteMixed(e); }
+  void noteMixed(Entity& e) { mixed_ = mixed_ || hub_.inBatch(e.dirty()); }
   uint8_t itemFlags(Entity&) override { return kItemWhole; }
   uint32_t itemFields(Entity&) override { return ~0u; }
   void activated() override { wake(); }
@@ -299,7 +305,7 @@ class Hub::Session final : public Writer,
   bool run(Slice& slice) override {
     while (connection_->open() && connection_->unsent() < kSendAhead) {
       out_.clear();
-      std::swap(out_.buffer(), controls_.buffer());
+      out_.swap(controls_);
       if (applied_ != appliedTold_) {
         appliedTold_ = applied_;
         out_.u8(static_cast<uint8_t>(Op::applied));
@@ -313,24 +319,25 @@ class Hub::Session final : public Writer,
           out_.varint(mount);
         }
       }
-      cutOwed_ |= out_.size() != 0;
-      if (all && cutOwed_ && hub_.mayCut()) {
+      bool free = hub_.mayCut();
+      cutOwed_ |= out_.size() != 0 || (free && applied_ != acked_);
+      if (all && cutOwed_ && (free || !mixed_)) {
         encodeCut();
       } else if (cutOwed_ && !all && starting() == 0 &&
                  clock().now() - lastCut_ > kForcedCutSeconds) {
         ++hub_.counters_.forcedCuts;
         encodeCut();
       }
-      if (out_.size() != 0) connection_->send(out_.bytes());
+      if (out_.size() != 0) connection_->send(out_.view());
       if (all) return false;
       if (slice.spent()) return true;
     }
     return false;
   }
   void encodeCut() {
-    cutOwed_ = false;
+    cutOwed_ = mixed_ = false;
     lastCut_ = clock().now();
-    if (applied_ > acked_ && caughtUp()) {
+    if (applied_ != acked_ && caughtUp() && hub_.mayCut()) {
       acked_ = applied_;
       out_.u8(static_cast<uint8_t>(Op::ack));
       out_.varint(acked_);
@@ -358,9 +365,10 @@ class Hub::Session final : public Writer,
     const TypeInfo& type = t.like->type();
     Entity* e = t.container->collection(*t.collection).findErased(t.like->keyData(), *type.keyKind);
     if (!e) return encodeRemoval(out_, *t.container, *t.collection, type, t.like->keyData(), 0, 0);
+    noteMixed(*e);
     encodeTold(out_, *e, t.deep, [&] {
       if (out_.size() < kFrameTarget) return;
-      connection_->send(out_.bytes());
+      connection_->send(out_.view());
       out_.clear();
       cutOwed_ = true;
     });
@@ -386,6 +394,7 @@ class Hub::Session final : public Writer,
   bool batchOpen_ = false;
   bool resends_ = false;
   bool cutOwed_ = false;
+  bool mixed_ = false;  // since the last cut something was sent whose writer was in a batch
   double lastCut_ = 0;
   uint64_t applied_ = 0, acked_ = 0;
   uint64_t appliedTold_ = 0;
@@ -425,6 +434,13 @@ void Hub::dropAll() {
 
 bool Hub::caughtUp(const Journal& journal, uint64_t version) {
   return applying_ && applying_->sentVersion(journal) >= version;
+}
+
+bool Hub::inBatch(uint32_t origin) const {
+  if (openBatches_ == 0) return false;
+  if (origin == 0) return true;  // several wrote it
+  return std::any_of(sessions_.begin(), sessions_.end(),
+                     [&](auto& s) { return s->origin() == origin && s->batchOpen(); });
 }
 
 void Hub::batchOpened() {

@@ -56,6 +56,7 @@ class RYX_PRIVATE Hub : public Origins, private Timer {
   void onTimer() override;
   void batchOpened();
   void batchClosed();
+  bool inBatch(uint32_t origin) const;
   bool mayCut() const { return openBatches_ == 0 || forced_; }
   void gone(Session& session);
 

@@ -44,7 +44,7 @@ inline constexpr uint8_t kItemTell = 8;    // the sender is to be told what stan
 enum class Reach : uint8_t { journal = 0, tree = 1 };
 
 // Named bounds.
-inline constexpr size_t kMaxFrame = 16 << 20;      // bytes of one frame's payload
+inline constexpr size_t kMaxFrame = 4 << 20;       // bytes of one frame's payload
 inline constexpr size_t kFrameTarget = 32 * 1024;  // a sender starts a new frame past that
 inline constexpr size_t kSendAhead = 256 * 1024;   // unsent bytes past which nothing is encoded
 inline constexpr uint32_t kMaxHandles = 4u << 20;  // containers that one side may number

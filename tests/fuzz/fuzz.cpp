@@ -13,6 +13,9 @@
 //
 // To add a parser, write a function like those below and its line in the table, and put a few
 // inputs of each form into its corpus directory.
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -23,9 +26,14 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/activity/activity.h"
 #include "platform/model/acl.h"
+#include "platform/model/interface.h"
 #include "platform/model/lldp.h"
 #include "platform/model/routing.h"
+#include "platform/model/wellknown.h"
+#include "platform/statehub/entity_manager.h"
+#include "platform/statehub/hub.h"
 #include "platform/types/eth.h"
 #include "platform/types/intf.h"
 #include "platform/types/ip.h"
@@ -175,10 +183,100 @@ inline void fuzzJson(const uint8_t* data, size_t size) {
   require(test::JsonCheck::isValid(writer.text()), "any bytes print as a JSON string");
 }
 
+// --- the link -----------------------------------------------------------------------------------
+
+inline std::string framed(std::string_view payload) {
+  auto n = static_cast<uint32_t>(payload.size());
+  return std::string(reinterpret_cast<const char*>(&n), sizeof n).append(payload);
+}
+
+// Bytes for one end of a link: an even first byte means that a stream of frames follows, an odd one
+// that the payload of one frame does.
+inline std::string linkBytes(const platform::Encoder& hello, const uint8_t* data, size_t size) {
+  std::string bytes = framed(hello.view());
+  if (size == 0) return bytes;
+  std::string_view rest = textOf(data + 1, size - 1);
+  return data[0] & 1 ? bytes + framed(rest) : bytes.append(rest);
+}
+
+inline void sendThenClose(int fd, const std::string& bytes) {
+  // What does not fit into the socket at once is more than any input needs.
+  (void)!::send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  for (int i = 0; i < 4; ++i) platform::activity().run(0);
+  ::close(fd);
+  for (int i = 0; i < 4; ++i) platform::activity().run(0);
+}
+
+// To the hub, from an agent that was greeted: the places that are not its own stay as they were.
+inline void fuzzHub(const uint8_t* data, size_t size) {
+  using namespace platform;
+  Tree tree;
+  makeWellKnown(tree);
+  tree.make<Dir>("routing/vrf/input/default/RyxSdk-other");
+  auto* status = tree.find<Interface::EthLagIntfStatusDir>("interface/status/eth/lag");
+  IntfId lag;
+  require(parse("Port-Channel1", &lag), "a name of an interface");
+  status->intf.create(lag)->operStatus.set(1);
+  Hub hub(tree);
+  int fds[2];
+  require(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0, "a socketpair");
+  hub.accept(fds[0]);
+  Encoder hello;
+  hello.u8(static_cast<uint8_t>(Op::hello));
+  hello.varint(kWireMagic);
+  hello.varint(kWireVersion);
+  hello.text("a");
+  sendThenClose(fds[1], linkBytes(hello, data, size));
+  require(hub.sessions() == 0, "who is gone leaves no session");
+  require(status->intf.size() == 1 && status->intf.find(lag)->operStatus() == 1,
+          "an agent writes no status");
+  require(tree.find<Dir>("daemon/agent/config")->entry.empty(), "nor its own configuration");
+  require(tree.find("routing/vrf/input/default/RyxSdk-other"), "nor the input of another");
+  for (const WellKnown& place : wellKnown())
+    require(tree.find(place.path), "a well-known place stands");
+}
+
+// To a participant, from whoever is at the other end: it gets over it, and a hub then finds all of
+// it as it should be.
+inline void fuzzClient(const uint8_t* data, size_t size) {
+  using namespace platform;
+  int fds[2];
+  require(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0, "a socketpair");
+  auto em = EntityManager::overSocket(fds[1], "a");
+  auto group = em->mountGroup();
+  group->add("interface/config/eth/lag", "Interface::EthLagIntfConfigDir", "w");
+  group->add("daemon/agent/status", "Qel::Dir", "w");
+  group->close([](MountStatus) {});
+  activity().run(0);
+  Encoder hello;
+  hello.u8(static_cast<uint8_t>(Op::hello));
+  hello.varint(kWireMagic);
+  hello.varint(kWireVersion);
+  hello.varint(1);
+  sendThenClose(fds[0], linkBytes(hello, data, size));
+  require(!em->connected(), "a participant notices that the hub is gone");
+
+  Tree tree;
+  makeWellKnown(tree);
+  Hub hub(tree);
+  require(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0, "a socketpair");
+  hub.accept(fds[0]);
+  em->reconnected(fds[1]);
+  for (int i = 0; i < 8; ++i) activity().run(0);
+  if (!em->connected()) return;  // it has mounted things that are no more
+  auto* lags = em->find<Interface::EthLagIntfConfigDir>("interface/config/eth/lag");
+  require(!lags || lags->intf.empty(), "what is not at the hub is gone");
+}
+
 inline constexpr FuzzTarget kFuzzTargets[] = {
-    {"ip-address", fuzzIpAddr},        {"ip-prefix", fuzzIpPrefix},
-    {"mac-address", fuzzMacAddr},      {"interface-name", fuzzInterfaceName},
-    {"value-decode", fuzzValueDecode}, {"json", fuzzJson},
+    {"ip-address", fuzzIpAddr},
+    {"ip-prefix", fuzzIpPrefix},
+    {"mac-address", fuzzMacAddr},
+    {"interface-name", fuzzInterfaceName},
+    {"hub", fuzzHub},
+    {"client", fuzzClient},
+    {"value-decode", fuzzValueDecode},
+    {"json", fuzzJson},
 };
 
 inline void runTarget(const FuzzTarget& target, const uint8_t* data, size_t size) {

@@ -1,0 +1,245 @@
+// The link between processes: a hub and its participants, each a process of its own, as they are on
+// a switch; some die, the others go on.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "platform/activity/activity.h"
+#include "platform/base/clock.h"
+#include "platform/model/agent.h"
+#include "platform/model/interface.h"
+#include "platform/model/wellknown.h"
+#include "platform/statehub/entity_manager.h"
+#include "platform/statehub/hub.h"
+
+namespace ryx::platform {
+namespace {
+
+using Interface::EthLagIntfConfigDir;
+
+constexpr double kDeadline = 60;  // for whatever a process is asked to wait for
+
+// Runs the loop of this process until `done`; false when the deadline passes.
+bool until(const std::function<bool()>& done) {
+  for (double end = clock().now() + kDeadline; !done();) {
+    if (clock().now() > end) return false;
+    activity().run(0.01);
+  }
+  return true;
+}
+
+// A process that answers lines with lines. It lives until it is killed or destroyed. The parent
+// runs no loop, since a loop does not survive a fork.
+class Process {
+ public:
+  using Answer = std::function<std::string(std::istringstream& question)>;
+
+  explicit Process(const std::function<Answer()>& start) {
+    int fds[2];
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds));
+    pid_ = fork();
+    if (pid_ == 0) {
+      close(fds[0]);
+      serve(fds[1], start());
+      _exit(0);
+    }
+    close(fds[1]);
+    fd_ = fds[0];
+  }
+  Process(Process&& o) noexcept : pid_(std::exchange(o.pid_, -1)), fd_(std::exchange(o.fd_, -1)) {}
+  ~Process() { kill9(); }
+
+  std::string ask(const std::string& question) {
+    char text[256];
+    EXPECT_EQ(static_cast<ssize_t>(question.size()),
+              send(fd_, question.data(), question.size(), MSG_NOSIGNAL));
+    pollfd ready{fd_, POLLIN, 0};
+    if (poll(&ready, 1, static_cast<int>(2000 * kDeadline)) != 1) return "no answer";
+    ssize_t n = recv(fd_, text, sizeof text, 0);
+    return n <= 0 ? "gone" : std::string(text, static_cast<size_t>(n));
+  }
+  void kill9() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    close(fd_);
+    pid_ = -1;
+  }
+
+ private:
+  struct Questions : Descriptor {
+    Questions(int fd, Answer answer) : Descriptor(fd, "Questions"), answer_(std::move(answer)) {
+      readableInterestIs(true);
+    }
+    void onReadable() override {
+      char text[256];
+      ssize_t n = recv(fd(), text, sizeof text, MSG_DONTWAIT);
+      if (n <= 0) _exit(0);
+      std::istringstream question(std::string(text, static_cast<size_t>(n)));
+      std::string answer = answer_(question);
+      if (send(fd(), answer.data(), answer.size(), MSG_NOSIGNAL) < 0) _exit(0);
+    }
+    Answer answer_;
+  };
+  static void serve(int fd, Answer answer) {
+    Questions questions(fd, std::move(answer));
+    for (;;) activity().run(1000);
+  }
+
+  pid_t pid_ = -1;
+  int fd_ = -1;
+};
+
+struct Place {
+  Place() : path("/tmp/ryx-link-" + std::to_string(getpid())) { unlink(path.c_str()); }
+  ~Place() { unlink(path.c_str()); }
+  sockaddr_un address() const {
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
+    return a;
+  }
+  std::string path;
+};
+
+// "sessions N": waits until so many are connected. "own NAME KEY": what that agent's status has.
+Process hubAt(const Place& place) {
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un a = place.address();
+  unlink(place.path.c_str());
+  EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a));
+  EXPECT_EQ(0, listen(fd, 8));
+  Process made([fd] {
+    struct Listener : Descriptor {
+      Listener(int fd, Hub& h) : Descriptor(fd, "Listener"), hub(h) { readableInterestIs(true); }
+      void onReadable() override { hub.accept(accept4(fd(), nullptr, nullptr, SOCK_CLOEXEC)); }
+      Hub& hub;
+    };
+    auto* tree = new Tree;  // as long as the process
+    makeWellKnown(*tree);
+    auto* hub = new Hub(*tree);
+    new Listener(fd, *hub);
+    return [tree, hub](std::istringstream& question) -> std::string {
+      std::string verb, name, key;
+      question >> verb >> name >> key;
+      if (verb == "sessions")
+        return until([&] { return hub->sessions() == std::stoul(name); }) ? "yes" : "no";
+      auto* status =
+          tree->find<Dir>("daemon/agent/status")->entry.find<GenericAgent::Status>(Name(name));
+      const auto* value = status ? status->data.get(key) : nullptr;
+      return value ? std::string(value->bytes()) : "nothing";
+    };
+  });
+  close(fd);
+  return made;
+}
+
+// "set N TEXT" and "see N TEXT": a shared attribute. "own KEY VALUE" and "mine KEY": in its own
+// status. "lost": waits until the connection is lost; "return": connects again.
+Process participantAt(const Place& place, const std::string& name) {
+  return Process([&place, name] {
+    auto connected = [&place] {
+      int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+      sockaddr_un a = place.address();
+      if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) _exit(1);
+      return fd;
+    };
+    auto* em = EntityManager::overSocket(connected(), name).release();
+    auto* group = em->mountGroup().release();
+    auto* status = new MountStatus(MountStatus::pending);
+    group->add("interface/config/eth/lag", "Interface::EthLagIntfConfigDir", "w");
+    group->add("daemon/agent/status", "Qel::Dir", "w");
+    group->close([status](MountStatus s) { *status = s; });
+    if (!until([&] { return *status == MountStatus::success; })) _exit(1);
+    return [em, name, connected](std::istringstream& question) -> std::string {
+      std::string verb, first, second;
+      question >> verb >> first >> second;
+      auto* lags = em->find<EthLagIntfConfigDir>("interface/config/eth/lag");
+      auto* all = em->find<Dir>("daemon/agent/status");
+      IntfId lag;
+      if (verb == "set" || verb == "see")
+        if (!parse("Port-Channel" + first, &lag)) return "no name";
+      WriterScope as(*em);
+      if (verb == "set") {
+        lags->intf.create(lag)->description.set(second);
+      } else if (verb == "see") {
+        bool seen = until([&] {
+          auto* e = lags->intf.find(lag);
+          return e && e->description() == second;
+        });
+        return seen ? "yes" : "no";
+      } else if (verb == "own") {
+        all->entry.create<GenericAgent::Status>(Name(name))->data.set(first, second);
+      } else if (verb == "mine") {
+        auto* own = all->entry.find<GenericAgent::Status>(Name(name));
+        const auto* value = own ? own->data.get(first) : nullptr;
+        return value ? std::string(value->bytes()) : "nothing";
+      } else if (verb == "lost") {
+        return until([&] { return !em->connected(); }) ? "yes" : "no";
+      } else if (verb == "return") {
+        em->reconnected(connected());
+      }
+      if (verb == "lost") return "no";
+      return until([&] { return em->drained() && em->acknowledged() == em->batches(); }) ? "done"
+                                                                                         : "stuck";
+    };
+  });
+}
+
+TEST(LinkProcessTest, WhoeverDiesTheOthersGoOn) {
+  Place place;
+  Process hub = hubAt(place);
+  Process victim = participantAt(place, "victim"), other = participantAt(place, "other");
+  EXPECT_EQ("yes", hub.ask("sessions 2"));
+  EXPECT_EQ("done", victim.ask("set 1 from-victim"));
+  EXPECT_EQ("done", victim.ask("own key value"));
+  EXPECT_EQ("yes", other.ask("see 1 from-victim"));
+  EXPECT_EQ("done", other.ask("set 2 from-other"));
+  EXPECT_EQ("yes", victim.ask("see 2 from-other"));
+
+  victim.kill9();
+  EXPECT_EQ("yes", hub.ask("sessions 1"));
+  EXPECT_EQ("done", other.ask("set 1 after"));
+  EXPECT_EQ("yes", other.ask("see 2 from-other"));
+  EXPECT_EQ("value", hub.ask("own victim key"));
+
+  // Its name is free at once, and what it wrote is there.
+  Process next = participantAt(place, "victim");
+  EXPECT_EQ("value", next.ask("mine key"));
+  EXPECT_EQ("yes", next.ask("see 1 after"));
+  EXPECT_EQ("done", next.ask("set 1 again"));
+  EXPECT_EQ("yes", other.ask("see 1 again"));
+}
+
+TEST(LinkProcessTest, TheHubDiesAndGetsBackWhatItsParticipantsOwn) {
+  Place place;
+  Process hub = hubAt(place);
+  Process a = participantAt(place, "a"), b = participantAt(place, "b");
+  EXPECT_EQ("done", a.ask("own key before"));
+  EXPECT_EQ("done", b.ask("own key b"));
+  hub.kill9();
+  EXPECT_EQ("yes", a.ask("lost"));
+  EXPECT_EQ("yes", b.ask("lost"));
+
+  Process second = hubAt(place);
+  EXPECT_EQ("done", a.ask("return"));
+  EXPECT_EQ("before", second.ask("own a key"));
+  EXPECT_EQ("nothing", second.ask("own b key"));
+  EXPECT_EQ("done", b.ask("return"));
+  EXPECT_EQ("b", second.ask("own b key"));
+  EXPECT_EQ("before", a.ask("mine key"));
+  EXPECT_EQ("done", a.ask("set 1 new"));
+  EXPECT_EQ("yes", b.ask("see 1 new"));
+}
+
+}  // namespace
+}  // namespace ryx::platform

@@ -454,7 +454,8 @@ void latency(uint32_t rounds, uint32_t besides) {
       back = false;
       double start = seconds();
       out->description.set(std::to_string(i));
-      while (!back) activity().run(0.01);
+      while (!back && board->stop == 0) activity().run(0.01);
+      if (!back) break;  // the routes are through, and the hub may be gone
       board->latencies[i] = (seconds() - start) / 2;
       board->measured = i + 1;
     }

@@ -13,6 +13,7 @@ class Publisher::Feed final : public Cursor {
  public:
   Feed(Publisher& publisher, Entity& root, bool fromStart)
       : publisher_(publisher), root_(&root), starting(fromStart) {}
+  ~Feed() override { detach(); }  // while the root, which has the journal, is there
   void start(bool fromStart) {
     if (fromStart)
       attachAtHead(*root_->childJournal(), false);

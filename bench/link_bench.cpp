@@ -119,7 +119,7 @@ void until(const std::function<bool()>& done) {
   }
 }
 void wait(int stage) {
-  while (board->stage < stage) usleep(200);
+  while (board->stage < stage) usleep(1000);
 }
 void reset() {
   *board = Board();

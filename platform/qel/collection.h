@@ -33,6 +33,19 @@ class RYX_PRIVATE CollectionBase {
   Entity* findErased(const void* key, const Kind& kind) const {
     return findHashed(kind.hash(key), key);
   }
+  // What findHashed() is going to read: first where the key is in the table, then, when that has
+  // arrived, the entity.
+  void prefetch(uint64_t hash) const {
+    if (table_) __builtin_prefetch(&table_->slots[(hash >> 32) & table_->slotMask]);
+  }
+  void prefetchFound(uint64_t hash) const {
+    if (!table_ || table_->live == 0) return;
+    auto* at = reinterpret_cast<const char*>(table_->slots[(hash >> 32) & table_->slotMask] &
+                                             0xffffffffffffu);
+    __builtin_prefetch(at);
+    __builtin_prefetch(at + 64);
+    __builtin_prefetch(at + 128);
+  }
   // Puts it in, with its key set and whatever is in its own collections; null when the key is taken
   // or the writer may not. It has stood in no tree before.
   Entity* add(const Ref<Entity>& child);

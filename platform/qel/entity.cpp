@@ -95,9 +95,7 @@ void TypeInfo::registerChildren() {
       if (c.child) c.child();
 }
 
-const TypeInfo& TypeInfo::byId(uint16_t id) {
-  return *registry().byId[id];
-}
+const TypeInfo* const* TypeInfo::table = nullptr;
 
 TypeBuilder::TypeBuilder(const char* name, size_t size, const TypeInfo* base,
                          void (*construct)(void*), void (*destroy)(Entity*))
@@ -160,6 +158,7 @@ const TypeInfo& TypeBuilder::finish() {
   }
   type_->id = static_cast<uint16_t>(r.byId.size());
   r.byId.push_back(type_);
+  TypeInfo::table = r.byId.data();
   return *type_;
 }
 

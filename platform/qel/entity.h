@@ -178,7 +178,8 @@ struct TypeInfo {
 
   // All registered types, by name and by id. Null when there is none.
   RYX_PRIVATE static const TypeInfo* named(std::string_view typeName);
-  RYX_PRIVATE static const TypeInfo& byId(uint16_t id);
+  static const TypeInfo& byId(uint16_t id) { return *table[id]; }
+  RYX_PRIVATE static const TypeInfo* const* table;  // by id
   // Registers what stands in the collections of registered types: a peer may name it before anyone
   // here has made one.
   RYX_PRIVATE static void registerChildren();

@@ -1,19 +1,25 @@
 #include "platform/statehub/applier.h"
 
+#include <utility>
+
 namespace ryx::platform {
 
 bool Applier::frame(std::string_view payload) {
   Decoder d(payload);
-  while (!d.done()) {
+  bool good = true;
+  while (good && !d.done()) {
     auto code = static_cast<Op>(d.u8());
-    if (!op(code, d)) return broken("operation " + std::to_string(static_cast<int>(code)));
-    if (d.failed())
-      return broken("operation " + std::to_string(static_cast<int>(code)) + " is cut short");
+    if (code != Op::item) good = flush();
+    if (good && !op(code, d)) good = broken("operation " + std::to_string(static_cast<int>(code)));
+    if (good && d.failed())
+      good = broken("operation " + std::to_string(static_cast<int>(code)) + " is cut short");
   }
-  return !d.failed();
+  return flush() && good;
 }
 
 void Applier::reset() {
+  batchType_ = nullptr;
+  batchSize_ = 0;
   types_.clear();
   peerOf_.clear();
   numbers_.clear();
@@ -96,7 +102,6 @@ bool Applier::declareType(Decoder& d) {
     t.collections.push_back(mine);
   }
   if (d.failed()) return false;
-  if (t.mine) t.scratch = EntityOps::make(*t.mine);
   if (id >= types_.size()) types_.resize(id + 1);
   if (t.mine) {
     if (t.mine->id >= peerOf_.size()) peerOf_.resize(t.mine->id + 1u);
@@ -122,9 +127,14 @@ bool Applier::place(Decoder& d, Item* item, uint64_t* handle, PeerType** type, b
     return true;
   }
   item->type = t->mine;
-  item->like = t->scratch.get();
-  item->key = item->like->keyData();
-  if (!t->mine->keyKind || !t->mine->keyKind->decode(d, t->scratch->at(t->mine->keyOffset)))
+  if (t != batchType_) {
+    if (!flush()) return false;
+    batchType_ = t;
+  }
+  Entity& like = slot(batchSize_);
+  item->like = &like;
+  item->key = like.keyData();
+  if (!t->mine->keyKind || !t->mine->keyKind->decode(d, like.at(t->mine->keyOffset)))
     return broken("an item's key is malformed");
 
   // A container may be gone here already, or be of a type that is not known here.
@@ -155,12 +165,16 @@ bool Applier::skipFields(Decoder& d) {
   return !d.failed();
 }
 
-// `fresh`: `to` stands in no tree yet, so its attributes are simply set. False: malformed.
-bool Applier::fields(Decoder& d, PeerType& type, Entity& to, const Item& item, uint32_t keep,
-                     bool fresh) {
-  uint32_t present = 0;
-  bool whole = item.flags & kItemWhole;
-  bool mayWrite = true;
+// Where the next item is decoded: an entity of the batch's type with its defaults.
+Entity& Applier::slot(size_t n) {
+  Ref<Entity>& e = batchType_->slots[n].entity;
+  if (!e) e = EntityOps::make(*batchType_->mine);
+  return *e;
+}
+
+// Into an entity that has its defaults and stands in no tree. `present`: which of its attributes
+// were there. False: malformed.
+bool Applier::decodeFields(Decoder& d, const PeerType& type, Entity& to, uint32_t* present) {
   for (uint64_t tag = d.varint(); tag != 0; tag = d.varint()) {
     if (d.failed()) return false;
     uint64_t index = (tag >> 1) - 1;
@@ -170,40 +184,32 @@ bool Applier::fields(Decoder& d, PeerType& type, Entity& to, const Item& item, u
       kinds::skipValue(d, static_cast<Wire>(tag & 1));
       continue;
     }
-    present |= 1u << f->index;
-    if (fresh) {
-      if (!f->kind->decode(d, to.at(f->offset))) return false;
-      continue;
-    }
-    void* value = type.scratch->at(f->offset);
-    if (!f->kind->decode(d, value)) return false;
-    if ((keep >> f->index & 1) || (f->marks & kConstructor) ||
-        f->kind->equal(to.at(f->offset), value))
-      continue;
-    if (!mayWrite || !to.mayChange()) {
-      mayWrite = false;
-      continue;
-    }
-    f->kind->assign(to.at(f->offset), value);
-    to.changed(f->index);
+    *present |= 1u << f->index;
+    if (!f->kind->decode(d, to.at(f->offset))) return false;
   }
-  if (d.failed()) return false;
-  if (!fresh && whole)
-    for (const FieldInfo& f : to.type().fields) {
-      if ((present >> f.index & 1) || (keep >> f.index & 1) ||
-          (f.marks & (kConstructor | kLocal)) || f.kind->isDefault(to.at(f.offset)))
-        continue;
-      if (!mayWrite || !to.mayChange()) {
-        mayWrite = false;
-        break;
-      }
-      f.kind->reset(to.at(f.offset));
-      to.changed(f.index);
-    }
-  if (!mayWrite) ++refusals_;
+  return !d.failed();
+}
+
+void Applier::clearFields(Entity& e, uint32_t present) {
+  for (const FieldInfo& f : e.type().fields)
+    if (present >> f.index & 1) f.kind->reset(e.at(f.offset));
+}
+
+// Writes what differs; false when the writer may not.
+bool Applier::assignFields(Entity& to, const Entity& from, uint32_t which) {
+  for (const FieldInfo& f : to.type().fields) {
+    if (!(which >> f.index & 1) || (f.marks & (kConstructor | kLocal))) continue;
+    const void* value = from.at(f.offset);
+    if (f.kind->equal(to.at(f.offset), value)) continue;
+    if (!to.mayChange()) return ++refusals_, false;
+    f.kind->assign(to.at(f.offset), value);
+    to.changed(f.index);
+  }
   return true;
 }
 
+// Items are decoded some at a time, then applied: what their keys lead to in memory is on its way
+// meanwhile.
 bool Applier::item(Decoder& d) {
   Item item{};
   uint64_t handle = 0;
@@ -212,36 +218,84 @@ bool Applier::item(Decoder& d) {
   if (!place(d, &item, &handle, &type, &skip, true)) return false;
   ++items_;
   if (skip) {
+    if (!flush()) return false;
     if (handle != 0 && !numberIs(handle, nullptr)) return false;
     return skipFields(d);
   }
+  if (batchSize_ != 0 && item.collection != batchCollection_) {
+    size_t at = batchSize_;
+    if (!flush()) return false;
+    std::swap(type->slots[0], type->slots[at]);
+  }
+  batchCollection_ = item.collection;
+  Slot& s = type->slots[batchSize_];
+  s.flags = item.flags;
+  s.generation = item.generation;
+  s.hash = item.hash;
+  s.present = 0;
+  if (!decodeFields(d, *type, *s.entity, &s.present)) {
+    clearFields(*s.entity, s.present);
+    return false;
+  }
+  ++batchSize_;
+  item.collection->prefetch(item.hash);
+  // What may hold others is there before they come.
+  if (handle == 0 && item.type->collections.empty() && batchSize_ < kBatch) return true;
+  Entity* last = nullptr;
+  return flush(&last) && (handle == 0 || numberIs(handle, last));
+}
 
+bool Applier::flush(Entity** last) {
+  size_t size = std::exchange(batchSize_, 0);
+  for (size_t i = 0; i < size; ++i) batchCollection_->prefetchFound(batchType_->slots[i].hash);
+  bool good = true;
+  for (size_t i = 0; i < size; ++i) {
+    Slot& s = batchType_->slots[i];
+    Entity* target = nullptr;
+    good = good && apply(s, &target);
+    if (last) *last = target;
+    if (s.entity) clearFields(*s.entity, s.present);
+  }
+  return good;
+}
+
+// `target`: what the peer's number for it, if there is one, means.
+bool Applier::apply(Slot& s, Entity** target) {
+  const Entity& like = *s.entity;
+  Item item{batchCollection_->owner(),
+            batchCollection_,
+            batchType_->mine,
+            s.flags,
+            s.generation,
+            like.keyData(),
+            s.hash,
+            &like};
   Entity* there = item.collection->findHashed(item.hash, item.key);
   Verdict verdict = judge(item, there);
-  Entity* target = verdict.target;
+  *target = verdict.target;
   if (verdict.skip) {
     if (there) there->flags &= static_cast<uint8_t>(~kStale);
-    if (!skipFields(d)) return false;
-  } else if (target) {
-    if (&target->type() != item.type) return broken("an item changes its type");
-    uint64_t refusals = refusals_;
-    if (!fields(d, *type, *target, item, verdict.keep, false)) return false;
-    target->flags &= static_cast<uint8_t>(~kStale);
-    applied(*target, item, false);
-    if (refusals_ != refusals) refused(item, target, false);
-  } else {
-    Ref<Entity> made = EntityOps::make(*item.type);
-    item.type->keyKind->assign(made->at(item.type->keyOffset), item.key);
-    if (!fields(d, *type, *made, item, 0, true)) return false;
-    target = item.collection->addHashed(made, item.hash);
-    if (target) {
-      applied(*target, item, true);
-    } else {
-      ++refusals_;
-      refused(item, nullptr, false);
-    }
+    return true;
   }
-  return handle == 0 || numberIs(handle, target);
+  if (Entity* to = verdict.target) {
+    if (&to->type() != item.type) return broken("an item changes its type");
+    uint32_t which = s.flags & kItemWhole ? ~0u : s.present;
+    bool may = assignFields(*to, like, which & ~verdict.keep);
+    to->flags &= static_cast<uint8_t>(~kStale);
+    applied(*to, item, false);
+    if (!may) refused(item, to, false);
+    return true;
+  }
+  Ref<Entity> made = s.entity;
+  if (Entity* added = item.collection->addHashed(made, item.hash)) {
+    s.entity = nullptr;
+    *target = added;
+    applied(*added, item, true);
+  } else {
+    ++refusals_;
+    refused(item, nullptr, false);
+  }
+  return true;
 }
 
 bool Applier::removal(Decoder& d) {
@@ -256,18 +310,22 @@ bool Applier::removal(Decoder& d) {
 }
 
 bool Applier::rootFields(Decoder& d) {
-  Item item{};
-  item.flags = d.u8();
+  uint8_t flags = d.u8();
   Entity* root = numbered(d.varint());
   PeerType* type = root ? declared(root->type()) : nullptr;
-  if (root && root->dead()) below(*root, item.flags);
+  if (root && root->dead()) below(*root, flags);
   if (!type || root->dead()) return skipFields(d);
-  uint32_t dirty = root->dirty();
-  uint64_t refusals = refusals_;
-  if (!fields(d, *type, *root, item, rootKeep(*root), false)) return false;
-  if (refusals_ != refusals) rootRefused(*root);
-  rootApplied(*root, dirty, item.flags);
-  return true;
+  batchType_ = type;
+  Entity& from = slot(0);
+  uint32_t dirty = root->dirty(), present = 0;
+  bool good = decodeFields(d, *type, from, &present);
+  if (good) {
+    uint32_t which = flags & kItemWhole ? ~0u : present;
+    if (!assignFields(*root, from, which & ~rootKeep(*root))) rootRefused(*root);
+    rootApplied(*root, dirty, flags);
+  }
+  clearFields(from, present);
+  return good;
 }
 
 void Applier::markStale(Entity& e, Reach reach) {

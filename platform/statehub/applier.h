@@ -4,6 +4,7 @@
 // and this side does not (types, attributes) is passed over and counted.
 #pragma once
 
+#include <array>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -85,12 +86,21 @@ class RYX_PRIVATE Applier {
   Tree& tree() { return tree_; }
 
  private:
+  // An item that was decoded and waits to be applied.
+  struct Slot {
+    Ref<Entity> entity;
+    uint64_t hash = 0;
+    uint64_t generation = 0;
+    uint32_t present = 0;
+    uint8_t flags = 0;
+  };
+  static constexpr size_t kBatch = 16;
   struct PeerType {
     const TypeInfo* mine = nullptr;
     Wire keyWire = Wire::bytes;
     std::vector<const FieldInfo*> fields;  // by the peer's index; null: not known here
     std::vector<const CollectionInfo*> collections;
-    Ref<Entity> scratch;  // where values are decoded before they are compared
+    std::array<Slot, kBatch> slots;
   };
 
   bool op(Op op, Decoder& d);
@@ -101,7 +111,12 @@ class RYX_PRIVATE Applier {
   // Reads place and key. `skip`: it is well formed, but means nothing here.
   bool place(Decoder& d, Item* item, uint64_t* handle, PeerType** type, bool* skip,
              bool withHandle);
-  bool fields(Decoder& d, PeerType& type, Entity& to, const Item& item, uint32_t keep, bool fresh);
+  Entity& slot(size_t n);
+  bool decodeFields(Decoder& d, const PeerType& type, Entity& to, uint32_t* present);
+  static void clearFields(Entity& e, uint32_t present);
+  bool assignFields(Entity& to, const Entity& from, uint32_t which);
+  bool flush(Entity** last = nullptr);
+  bool apply(Slot& s, Entity** target);
   bool skipFields(Decoder& d);
   PeerType* declared(const TypeInfo& mine) {
     return mine.id < peerOf_.size() && peerOf_[mine.id] ? &types_[peerOf_[mine.id] - 1u] : nullptr;
@@ -112,6 +127,9 @@ class RYX_PRIVATE Applier {
   std::vector<PeerType> types_;
   std::vector<uint16_t> peerOf_;  // by this side's type number: the peer's, and 1
   std::vector<Ref<Entity>> numbers_;
+  PeerType* batchType_ = nullptr;
+  CollectionBase* batchCollection_ = nullptr;
+  size_t batchSize_ = 0;
   std::string error_;
   uint64_t items_ = 0;
   uint64_t unknown_ = 0;

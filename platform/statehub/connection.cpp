@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,13 +34,26 @@ class Connection::Socket final : public Descriptor {
   size_t unsent() const { return out_.size() - sent_; }
   uint64_t bytesSent() const { return bytesSent_; }
 
+  // What the socket takes at once is not copied.
   void send(std::string_view payload) {
     if (!open_) return;
     auto n = static_cast<uint32_t>(payload.size());
     char length[4] = {static_cast<char>(n), static_cast<char>(n >> 8), static_cast<char>(n >> 16),
                       static_cast<char>(n >> 24)};
-    out_.append(length, sizeof length);
-    out_.append(payload);
+    size_t taken = 0;
+    if (out_.empty()) {
+      iovec parts[] = {{length, sizeof length},
+                       {const_cast<char*>(payload.data()), payload.size()}};
+      msghdr message{};
+      message.msg_iov = parts;
+      message.msg_iovlen = 2;
+      ssize_t sent = ::sendmsg(fd(), &message, MSG_NOSIGNAL);
+      if (sent > 0) taken = static_cast<size_t>(sent);
+      bytesSent_ += taken;
+      if (taken == sizeof length + payload.size()) return;
+    }
+    if (taken < sizeof length) out_.append(length + taken, sizeof length - taken);
+    out_.append(payload.substr(taken < sizeof length ? 0 : taken - sizeof length));
     flush();
   }
 
@@ -131,8 +145,9 @@ class Connection::Socket final : public Descriptor {
     }
     if (sent_ == out_.size()) {
       out_.clear();
+      if (out_.capacity() > kSendAhead) out_.shrink_to_fit();
       sent_ = 0;
-    } else if (sent_ > kMaxFrame) {
+    } else if (sent_ > kSendAhead) {
       out_.erase(0, sent_);
       sent_ = 0;
     }

@@ -2,6 +2,7 @@
 // ways, order at cuts, acknowledgement, refusal and repair, private places, loss and return,
 // hostile bytes.
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include "platform/qel/reactor.h"
 #include "platform/statehub/entity_manager.h"
 #include "platform/statehub/hub.h"
+#include "platform/statehub/wire.h"
 
 namespace ryx::platform {
 namespace {
@@ -51,8 +53,19 @@ struct Peer {
 };
 
 class LinkTest : public ::testing::Test {
+ public:
+  struct Sockets {
+    int participant, client, hub;
+  };
+
  protected:
   LinkTest() { makeWellKnown(tree); }
+  // A participant's end, what it is connected to, and what the hub is.
+  Sockets sockets() {
+    int fds[2];
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+    return {fds[0], fds[1], socket()};
+  }
   VirtualClock time;  // no cut is forced unless a test lets time pass
   int socket() {
     int fds[2];
@@ -78,6 +91,7 @@ IntfId lag(int n) {
 }
 const MountRequest kLagConfig{"interface/config/eth/lag", "Interface::EthLagIntfConfigDir", "w"};
 const MountRequest kLagStatus{"interface/status/eth/lag", "Interface::EthLagIntfStatusDir", "r"};
+const MountRequest kSlices{"interface/config/eth/phy/slice", "Qel::Dir", "w"};
 const MountRequest kAgentStatus{"daemon/agent/status", "Qel::Dir", "wi"};
 const MountRequest kInput{"routing/vrf/input", "Qel::Dir", "wi"};
 
@@ -524,11 +538,118 @@ TEST_F(LinkTest, AnyBytesLeaveTheHubAndTheOthersAsTheyWere) {
   EXPECT_TRUE(a.em->connected());
 }
 
+// A participant whose bytes pass through the test's hands.
+class Relay {
+ public:
+  Relay(LinkTest::Sockets sockets, const char* name) : client_(sockets.client), hub_(sockets.hub) {
+    peer.em = EntityManager::overSocket(sockets.participant, name);
+  }
+  ~Relay() {
+    peer.em.reset();
+    close(client_);
+    close(hub_);
+  }
+  // Until nothing moves in the directions that are open.
+  void pass(bool toHub, bool toClient) {
+    for (bool moved = true; moved;) {
+      settle();
+      moved = (toHub && move(client_, hub_, &atHub)) | (toClient && move(hub_, client_, &atClient));
+    }
+  }
+  // So many bytes of what the participant sent.
+  void passBytes(size_t bytes) {
+    char buffer[4096];
+    ASSERT_LE(bytes, sizeof buffer);
+    ASSERT_EQ(static_cast<ssize_t>(bytes), recv(client_, buffer, bytes, MSG_DONTWAIT));
+    ASSERT_EQ(static_cast<ssize_t>(bytes), send(hub_, buffer, bytes, 0));
+    settle();
+  }
+  size_t waiting() const {
+    int bytes = 0;
+    EXPECT_EQ(0, ioctl(client_, FIONREAD, &bytes));
+    return static_cast<size_t>(bytes);
+  }
+  void mount(std::vector<MountRequest> requests) {
+    peer.mount(std::move(requests));
+    pass(true, true);
+    EXPECT_EQ(MountStatus::success, peer.status);
+  }
+
+  Peer peer;
+
+ private:
+  // What did not fit goes first the next time.
+  static bool move(int from, int to, std::string* left) {
+    char buffer[65536];
+    if (left->empty()) {
+      ssize_t n = recv(from, buffer, sizeof buffer, MSG_DONTWAIT);
+      if (n > 0) left->assign(buffer, static_cast<size_t>(n));
+    }
+    if (left->empty()) return false;
+    ssize_t sent = send(to, left->data(), left->size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent > 0) left->erase(0, static_cast<size_t>(sent));
+    return sent > 0;
+  }
+  int client_, hub_;
+  std::string atHub, atClient;
+};
+
+TEST_F(LinkTest, WhoDoesNotReadIsNotReadAndLosesNothing) {
+  Relay relay(sockets(), "a");
+  relay.mount({kLagConfig});
+  auto* mine = relay.peer.em->find<EthLagIntfConfigDir>("interface/config/eth/lag");
+  auto* config = tree.find<EthLagIntfConfigDir>("interface/config/eth/lag");
+  constexpr int kCount = 60000;
+  for (int i = 1; i <= kCount; ++i) mine->intf.create(lag(i))->description.set(std::to_string(i));
+  relay.pass(true, false);
+  // What is owed to it is bounded: by its bound and what one read and the sockets hold.
+  EXPECT_GT(config->intf.size(), kMaxTold);
+  EXPECT_LT(config->intf.size(), 50000u);
+  EXPECT_EQ(0u, relay.peer.em->acknowledged());
+  relay.pass(true, true);
+  EXPECT_EQ(size_t{kCount}, config->intf.size());
+  EXPECT_EQ(size_t{kCount}, mine->intf.size());
+  EXPECT_EQ(relay.peer.em->batches(), relay.peer.em->acknowledged());
+  EXPECT_EQ(config->intf.find(lag(kCount))->generation(),
+            mine->intf.find(lag(kCount))->generation());
+}
+
+TEST_F(LinkTest, ACutWaitsForThoseAloneWhoseChangesItHas) {
+  Relay slow(sockets(), "");
+  slow.mount({kSlices});
+  Peer a = peer("a", {kLagConfig}), b = peer("b", {kLagConfig}), reader = peer("", {kSlices});
+  auto* slices = slow.peer.em->find<Dir>("interface/config/eth/phy/slice");
+  Mirror lags(b.em->find<EthLagIntfConfigDir>("interface/config/eth/lag")->journal);
+  Mirror seen(reader.em->find<Dir>("interface/config/eth/phy/slice")->journal);
+  for (int i = 0; i < 1000; ++i)
+    slices->entry.create<Dir>(Name("a name of some length " + std::to_string(i)));
+  settle();
+  // All of its first frames and a piece of the next: it is in the middle of its batch.
+  for (size_t left = slow.waiting(); left > 100;) {
+    size_t n = std::min<size_t>(left - 100, 4096);
+    slow.passBytes(n);
+    left -= n;
+  }
+  a.em->find<EthLagIntfConfigDir>("interface/config/eth/lag")->intf.create(lag(1));
+  settle();
+  EXPECT_EQ(1, lags.created);
+  EXPECT_EQ(0, seen.created);
+  EXPECT_EQ(0u, hub->counters().forcedCuts);
+  // It stays there: the others go on with a part of it.
+  time.advance(kForcedCutSeconds + 0.01);
+  activity().run(0.001);
+  settle();
+  EXPECT_EQ(1u, hub->counters().forcedCuts);
+  EXPECT_GT(seen.created, 0);
+  EXPECT_LT(seen.created, 1000);
+  slow.pass(true, true);
+  EXPECT_EQ(1000, seen.created);
+}
+
 // --- random writers ------------------------------------------------------------------------------
 
 using Interface::EthPhyIntfConfigDir;
 
-const MountRequest kSlices{"interface/config/eth/phy/slice", "Qel::Dir", "w"};
 const MountRequest kAgentConfig{"daemon/agent/config", "Qel::Dir", "w"};
 const std::vector<MountRequest> kAllMounts{kLagConfig, kSlices, kAgentConfig, kAgentStatus, kInput};
 

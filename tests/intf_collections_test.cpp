@@ -105,9 +105,12 @@ TEST_F(IntfCollectionsTest, EveryKindIsShownUnderThePlacesOfTheParticipant) {
   configSlice("1").intf.create(id("Ethernet1"));
   statusSlice("1").intf.create(id("Ethernet1"));
 
+  // At once, without a turn of the loop, and also while half of a change is there.
   auto other = EntityManager::embedded("other");
+  tree_.clock().gated = true;
   IntfCollections late(*other);
-  EXPECT_EQ(contents(late.allIntfConfigDir()).size(), 7u);  // at once, without a turn of the loop
+  tree_.clock().openGate();
+  EXPECT_EQ(contents(late.allIntfConfigDir()).size(), 7u);
   EXPECT_EQ(contents(late.allIntfStatusDir()).size(), 7u);
 
   for (size_t k = 0; k < std::size(kPaths); ++k)

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "platform/base/check.h"
@@ -40,12 +41,15 @@ class Follower : public JournalReactor {
   void followPath(EntityManager& em, std::string_view path) {
     if (Entity* root = em.find(path)) follow(*root->childJournal(), true);
   }
-  // State that stands between two cuts waits for the second: then there is nothing to hear yet.
-  void hearAll() {
+  // What stands between two cuts is there for whoever looks now.
+  void hearAll(EntityManager& em) {
+    bool& gated = em.tree().clock().gated;
+    const bool was = std::exchange(gated, false);
     for (bool more = true; more;) {
       Slice slice;
       more = run(slice);
     }
+    gated = was;
   }
 
  protected:
@@ -141,7 +145,7 @@ class IntfCollections::ConfigAssembly final : public Assembly<IntfConfig> {
   ConfigAssembly(IntfCollections& view, EntityManager& em)
       : Assembly("IntfConfigAssembly"), view_(view) {
     for (const char* path : kConfigPaths) followPath(em, path);
-    hearAll();
+    hearAll(em);
   }
 
  private:
@@ -162,7 +166,7 @@ class IntfCollections::StatusAssembly final : public Assembly<IntfStatus> {
   StatusAssembly(IntfCollections& view, EntityManager& em)
       : Assembly("IntfStatusAssembly"), view_(view) {
     for (const char* path : kStatusPaths) followPath(em, path);
-    hearAll();
+    hearAll(em);
   }
 
  private:
@@ -191,7 +195,7 @@ class IntfCollections::Copy final : public Follower {
  public:
   Copy(EntityManager& em, const char* path, CollectionBase& to) : Follower("IntfCopy"), to_(to) {
     followPath(em, path);
-    hearAll();
+    hearAll(em);
   }
 
  private:

@@ -212,8 +212,7 @@ void Links::take(const Link& link) {
   if (intf.isEmpty()) return;
   if (device.port && device.port->whole()) return device.port->kernelHas(link);
   if (!device.port && owners_.count(intf) != 0) return wait(device);
-  if (device.port) feeds::eraseIntf(tree_, intf);  // what somebody left of it
-  claim(device);
+  claim(device);  // anew, when somebody deleted its entities
 }
 
 void Links::forget(std::map<int, Device>::iterator at) {

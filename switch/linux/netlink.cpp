@@ -338,7 +338,6 @@ void NetlinkSocket::drained() {
 
 void NetlinkSocket::lost() {
   RYX_TRACE(facility(), 1, "notifications were lost: asking for all anew");
-  if (dumping_) interrupted_ = true;
   dumpWanted_ = true;
 }
 

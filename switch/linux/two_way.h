@@ -48,6 +48,7 @@ class TwoWay {
       if (state == kernel_) return Step::none;
       busy_ = true;
       confirmed_ = false;
+      attempts_ = 0;
       return Step::toKernel;
     }
     if (state == kernel_) return Step::none;
@@ -60,7 +61,6 @@ class TwoWay {
   Answer answered(int error) {
     if (isPassing(error) && ++attempts_ < kMaxAttempts) return Answer::later;
     busy_ = false;
-    attempts_ = 0;
     if (error != 0) return Answer::refused;
     // The kernel tells of a change before it answers, unless that was lost, or it tells nothing (of
     // an alias of a device that is down); what it told after that is somebody else's.
@@ -70,11 +70,11 @@ class TwoWay {
 
   // After Answer::later: what to do now.
   Step again(const T& state) {
-    if (state != agreed_) attempts_ = 0;
+    int attempts = state == agreed_ ? attempts_ : 0;
     busy_ = false;
     agreed_ = kernel_;
     Step step = next(state);
-    if (step != Step::toKernel) attempts_ = 0;
+    attempts_ = attempts;
     return step;
   }
 

@@ -8,7 +8,8 @@
 // branches it is built from the library's sources:
 //
 //   clang++ -std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -DRYX_VERSION='"0"' -I.
-//       -o /tmp/fuzz tests/fuzz/fuzz.cpp lib/*.cpp platform/*/*.cpp
+//       -o /tmp/fuzz tests/fuzz/fuzz.cpp lib/*.cpp platform/*/*.cpp switch/base/*.cpp
+//       $(ls switch/sim/*.cpp switch/linux/*.cpp | grep -v feed.cpp) -lmnl
 //   RYX_FUZZ=interface-name /tmp/fuzz tests/fuzz/corpus/interface-name     (or --target=NAME)
 //
 // To add a parser, write a function like those below and its line in the table, and put a few
@@ -16,12 +17,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <map>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,12 +36,16 @@
 #include "platform/model/lldp.h"
 #include "platform/model/routing.h"
 #include "platform/model/wellknown.h"
+#include "platform/qel/dir.h"
 #include "platform/statehub/entity_manager.h"
 #include "platform/statehub/hub.h"
 #include "platform/types/eth.h"
 #include "platform/types/intf.h"
 #include "platform/types/ip.h"
 #include "ryx/ip.h"
+#include "switch/linux/intf_map.h"
+#include "switch/linux/link_message.h"
+#include "switch/sim/sim.h"
 #include "tests/support/json.h"
 
 namespace ryx::fuzz {
@@ -268,11 +276,54 @@ inline void fuzzClient(const uint8_t* data, size_t size) {
   require(!lags || lags->intf.empty(), "what is not at the hub is gone");
 }
 
+inline void fuzzSimCommand(const uint8_t* data, size_t size) {
+  static auto* tree = new platform::Tree;
+  static auto* sim = new sim::Sim(*tree);
+  uint64_t version = tree->clock().version;
+  std::string error = sim->command(textOf(data, size));
+  require(error.empty() || tree->clock().version == version, "a refused line changes nothing");
+  for (unsigned char c : error) require(c >= ' ' && c < 0x7f, "what is told is plain text");
+  platform::activity().run(0);
+}
+
+// A map, a line break, and a device's name.
+inline void fuzzIntfMap(const uint8_t* data, size_t size) {
+  std::string_view text = textOf(data, size);
+  size_t end = std::min(text.find('\n'), text.size());
+  std::string_view device = text.substr(std::min(end + 1, text.size()));
+  kernel::IntfMap map;
+  platform::IntfId before = map.interfaceOf(device);
+  std::string error = kernel::IntfMap::parse(text.substr(0, end), &map);
+  platform::IntfId intf = map.interfaceOf(device);
+  require(error.empty() || intf == before, "a refused map leaves the map alone");
+  if (intf.isEmpty() || device.find('/') != device.npos) return;  // no device has a slash
+  std::string back = map.deviceOf(intf);
+  require(back.empty() || map.interfaceOf(back) == intf, "a device's name maps back");
+  require(!back.empty() || device.size() > kernel::IntfMap::kMaxDevice,
+          "an interface that a name maps to has a device's name");
+}
+
+inline void fuzzLinkMessage(const uint8_t* data, size_t size) {
+  auto block = std::make_unique<char[]>(size);  // of exactly that size, aligned
+  std::memcpy(block.get(), data, size);
+  auto* message = reinterpret_cast<nlmsghdr*>(block.get());
+  if (!mnl_nlmsg_ok(message, static_cast<int>(size))) return;
+  std::optional<kernel::Link> link = kernel::parseLink(*message);
+  if (!link) return;
+  require(link->index > 0 && !link->name.empty(), "a device has an index and a name");
+  require(link->name.find('\0') == std::string::npos, "a name ends at its zero byte");
+  auto code = static_cast<int>(kernel::operStatus(*link));
+  require(code <= 7 && code != 4, "the codes of the table");
+}
+
 inline constexpr FuzzTarget kFuzzTargets[] = {
     {"ip-address", fuzzIpAddr},
     {"ip-prefix", fuzzIpPrefix},
     {"mac-address", fuzzMacAddr},
     {"interface-name", fuzzInterfaceName},
+    {"sim-command", fuzzSimCommand},
+    {"intf-map", fuzzIntfMap},
+    {"link-message", fuzzLinkMessage},
     {"hub", fuzzHub},
     {"client", fuzzClient},
     {"value-decode", fuzzValueDecode},

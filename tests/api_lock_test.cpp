@@ -143,10 +143,11 @@ TEST_P(ApiLockTest, ManyThreadsHammerWhileTheLoopRuns) {
   struct Busy : platform::Task {
     Busy() : Task("busy") {}
     bool run(platform::Slice&) override {
-      ++runs;
+      runs.fetch_add(1);
+      runs.notify_all();
       return true;
     }
-    uint64_t runs = 0;
+    std::atomic<uint64_t> runs{0};
   };
   class Agent : public agent_handler {
    public:
@@ -171,6 +172,7 @@ TEST_P(ApiLockTest, ManyThreadsHammerWhileTheLoopRuns) {
   for (int i = 0; i < kThreads; ++i)
     threads.emplace_back([&, i] {
       const std::string key = "thread " + std::to_string(i);
+      busy.runs.wait(0);  // an exit before the loop runs would end nothing
       for (int n = 1; n <= kCalls; ++n) {
         sdk_scoped_lock lock;
         mgr->status_set(key, std::to_string(n));
@@ -182,7 +184,7 @@ TEST_P(ApiLockTest, ManyThreadsHammerWhileTheLoopRuns) {
     });
   loop->run(kForEver);
   for (std::thread& thread : threads) thread.join();
-  EXPECT_GT(busy.runs, 0u);
+  EXPECT_GT(busy.runs.load(), 0u);
   {
     sdk_scoped_lock lock;
     for (int i = 0; i < kThreads; ++i)

@@ -553,7 +553,8 @@ class Relay {
   void pass(bool toHub, bool toClient) {
     for (bool moved = true; moved;) {
       settle();
-      moved = (toHub && move(client_, hub_, &atHub)) | (toClient && move(hub_, client_, &atClient));
+      moved = toHub && move(client_, hub_, &atHub);
+      moved |= toClient && move(hub_, client_, &atClient);
     }
   }
   // So many bytes of what the participant sent.

@@ -10,6 +10,20 @@
 namespace ryx::platform {
 namespace {
 
+// As long as the process: reactors and feeds may outlive every static.
+struct Local {
+  Tree tree;
+  Feed* feed = nullptr;
+};
+Local& local() {
+  static Local* local = [] {
+    auto* made = new Local;
+    makeWellKnown(made->tree);
+    return made;
+  }();
+  return *local;
+}
+
 // Where the feeds are: RYX_FEED_DIR, or the folder ryx/ beside this library.
 std::string feedDirectory() {
   if (const char* dir = std::getenv("RYX_FEED_DIR"); dir && *dir) return dir;
@@ -35,9 +49,8 @@ void loadFeed(const std::string& name, const std::string& argument) {
   auto start = reinterpret_cast<FeedStart>(dlsym(module, kFeedStartSymbol));
   if (!start) return tell("has no entry ryxFeedStart");
   std::string error;
-  static Feed* feed = nullptr;  // for the life of the process
-  feed = start(localTree(), argument, &error);
-  if (!feed) tell("does not start: " + error);
+  local().feed = start(localTree(), argument, &error);
+  if (!local().feed) tell("does not start: " + error);
 }
 
 }  // namespace
@@ -45,12 +58,7 @@ void loadFeed(const std::string& name, const std::string& argument) {
 const char kPlatformAbi[] = RYX_VERSION;
 
 Tree& localTree() {
-  static Tree* tree = [] {
-    auto* made = new Tree;  // as long as the process: reactors and feeds may outlive every static
-    makeWellKnown(*made);
-    return made;
-  }();
-  return *tree;
+  return local().tree;
 }
 
 bool localSelected() {

@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/warm_memory.h"
 #include "platform/activity/activity.h"
 #include "platform/model/interface.h"
 #include "platform/model/routing.h"
@@ -535,6 +536,7 @@ int main() {
   board = static_cast<Board*>(shared);
   const char* env = std::getenv("RYX_BENCH_SMALL");
   bool small = env && *env == '1';
+  if (!small) ryx::bench::warmMemory(1280);
   million(small ? 10'000 : 1'000'000);
   fanOut(small ? 2'000 : 200'000);
   oneChange(small ? 200 : 20'000, small ? 10'000 : 1'000'000);

@@ -285,9 +285,9 @@ uint64_t hashValue(const T& v) {
   } else if constexpr (std::is_floating_point_v<T>) {
     return hashNumber(std::bit_cast<uint64_t>(static_cast<double>(v)));
   } else if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
-    return hashNumber(static_cast<uint64_t>(v));
+    return hashInRow(static_cast<uint64_t>(v));
   } else if constexpr (Ranged<T>) {
-    return hashNumber(v.value());
+    return hashInRow(v.value());
   } else if constexpr (std::is_same_v<T, Name>) {
     return v.hash();
   } else if constexpr (std::is_same_v<T, std::string>) {
@@ -295,14 +295,22 @@ uint64_t hashValue(const T& v) {
   } else if constexpr (BoundedText<T>) {
     std::string_view bytes = v.bytes();
     return hashBytes(bytes.data(), bytes.size());
+  } else if constexpr (requires { v.hash(); }) {
+    return v.hash();
   } else if constexpr (OpaqueBytes<T>) {
     static_assert(std::has_unique_object_representations_v<T>, "padding is no value");
     return hashBytes(&v, sizeof v);
   } else if constexpr (Described<T>) {
-    uint64_t h = 0;
-    std::apply([&](const auto&... m) { ((h = hashMix(h, hashValue(v.*m.pointer))), ...); },
-               T::members());
-    return h;
+    // The first member says where it stands among its neighbours.
+    return std::apply(
+        [&](const auto& first, const auto&... m) {
+          uint64_t h = hashValue(v.*first.pointer);
+          uint64_t place = hashPlace(h);
+          h = hashLine(h);
+          ((h = hashMix(h, hashValue(v.*m.pointer))), ...);
+          return hashPlaced(h, place);
+        },
+        T::members());
   } else {
     uint64_t h = v.size();
     for (const auto& element : v) {

@@ -114,13 +114,22 @@ class RYX_PRIVATE IntfId {
   char* print(char* out) const;
   std::string toString() const;
 
-  uint64_t hash() const { return hashNumber(value_); }
+  // Of interfaces that differ in the last of their numbers, in a row.
+  uint64_t hash() const {
+    unsigned last = (secondWord() & kSubMask) != 0   ? 0
+                    : secondWord() != 0              ? 24
+                    : (firstWord() & kPortMask) != 0 ? 32
+                                                     : 41;
+    uint64_t number = value_ >> last;
+    return hashPlaced(hashMix(number / kHashPlaces, last), number % kHashPlaces);
+  }
 
   friend constexpr bool operator==(const IntfId&, const IntfId&) = default;
   friend constexpr std::strong_ordering operator<=>(const IntfId&, const IntfId&) = default;
 
  private:
   static constexpr uint32_t kSubMask = 0xffffff;
+  static constexpr uint32_t kPortMask = 0x1ff;
 
   uint64_t value_ = kEmpty;
 };

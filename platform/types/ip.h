@@ -77,9 +77,19 @@ class RYX_PRIVATE IpAddr {
   char* print(char* out) const;
   std::string toString() const;
 
-  // The low half meets a mixed high half: whoever chooses both still meets the seed.
-  uint64_t hash() const {
-    return hashNumber(hashNumber(high() ^ static_cast<uint64_t>(af_)) ^ low());
+  // Of addresses in a row.
+  uint64_t hash() const { return hashUpTo(maxLength()); }
+
+  // Of what stands in its first `length` bits, the last of which tell neighbours apart. The low
+  // half meets a mixed high half: whoever chooses both still meets the seed.
+  uint64_t hashUpTo(uint8_t length) const {
+    uint64_t family = static_cast<uint64_t>(af_) << 8 | length;
+    if (length <= 64) {
+      uint64_t number = length == 0 ? 0 : high() >> (64 - length);
+      return hashPlaced(hashMix(number / kHashPlaces, family), number % kHashPlaces);
+    }
+    uint64_t number = low() >> (128 - length);
+    return hashPlaced(hashMix(hashMix(high(), family), number / kHashPlaces), number % kHashPlaces);
   }
 
   friend bool operator==(const IpAddr& a, const IpAddr& b) {
@@ -129,7 +139,8 @@ class RYX_PRIVATE IpPrefix {
   char* print(char* out) const;
   std::string toString() const;
 
-  uint64_t hash() const { return hashNumber(addr_.hash() ^ length_); }
+  // Of networks of one length in a row.
+  uint64_t hash() const { return addr_.hashUpTo(length_); }
 
   friend bool operator==(const IpPrefix&, const IpPrefix&) = default;
   // By address, then length: a network comes right before the networks that it holds.
@@ -165,7 +176,10 @@ class RYX_PRIVATE IpAddrMask {
   char* print(char* out) const;
   std::string toString() const;
 
-  uint64_t hash() const { return hashNumber(addr_.hash() ^ length_); }
+  uint64_t hash() const {
+    uint64_t h = addr_.hash();
+    return hashPlaced(hashMix(hashLine(h), length_), hashPlace(h));
+  }
 
   friend bool operator==(const IpAddrMask&, const IpAddrMask&) = default;
   friend std::strong_ordering operator<=>(const IpAddrMask&, const IpAddrMask&) = default;

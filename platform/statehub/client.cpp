@@ -401,7 +401,7 @@ void Client::encodeSome(bool* all) {
   bool ready = !resending_ || std::all_of(mounts_.begin(), mounts_.end(),
                                           [](const Mount& m) { return m.answered; });
   if (ready) encodeLostRemovals();
-  *all = !ready || encode(out_, kFrameTarget);
+  *all = !ready || encode(out_, kFrameOfParticipant);
   bool resent = ready && *all && resending_;
   if (resent) encodeSweeps();
   // The end of a return is a batch in any case, since the last one may never be acknowledged.

@@ -15,7 +15,7 @@
 namespace ryx::platform {
 namespace {
 
-constexpr size_t kReadBytes = 64 * 1024;  // at most so much is read in one callback
+constexpr size_t kReadBytes = 32 * 1024;  // at most so much is read in one callback
 
 }  // namespace
 

@@ -302,37 +302,35 @@ class Hub::Session final : public Writer,
   void activated() override { wake(); }
 
   // --- sending ---
-  bool run(Slice& slice) override {
-    while (connection_->open() && connection_->unsent() < kSendAhead) {
-      out_.clear();
-      out_.swap(controls_);
-      if (applied_ != appliedTold_) {
-        appliedTold_ = applied_;
-        out_.u8(static_cast<uint8_t>(Op::applied));
-        out_.varint(applied_);
-      }
-      encodeAllTold();
-      bool all = told_.empty() && encode(out_, kFrameTarget);
-      if (starting() == 0) {
-        for (uint64_t mount : std::exchange(unsynced_, {})) {
-          out_.u8(static_cast<uint8_t>(Op::synced));
-          out_.varint(mount);
-        }
-      }
-      bool free = hub_.mayCut();
-      cutOwed_ |= out_.size() != 0 || (free && applied_ != acked_);
-      if (all && cutOwed_ && (free || !mixed_)) {
-        encodeCut();
-      } else if (cutOwed_ && !all && starting() == 0 &&
-                 clock().now() - lastCut_ > kForcedCutSeconds) {
-        ++hub_.counters_.forcedCuts;
-        encodeCut();
-      }
-      if (out_.size() != 0) connection_->send(out_.view());
-      if (all) return false;
-      if (slice.spent()) return true;
+  // One frame, then it is the others' turn.
+  bool run(Slice&) override {
+    if (!connection_->open() || connection_->unsent() >= kSendAhead) return false;
+    out_.clear();
+    out_.swap(controls_);
+    if (applied_ != appliedTold_) {
+      appliedTold_ = applied_;
+      out_.u8(static_cast<uint8_t>(Op::applied));
+      out_.varint(applied_);
     }
-    return false;
+    encodeAllTold();
+    bool all = told_.empty() && encode(out_, kFrameOfHub);
+    if (starting() == 0) {
+      for (uint64_t mount : std::exchange(unsynced_, {})) {
+        out_.u8(static_cast<uint8_t>(Op::synced));
+        out_.varint(mount);
+      }
+    }
+    bool free = hub_.mayCut();
+    cutOwed_ |= out_.size() != 0 || (free && applied_ != acked_);
+    if (all && cutOwed_ && (free || !mixed_)) {
+      encodeCut();
+    } else if (cutOwed_ && !all && starting() == 0 &&
+               clock().now() - lastCut_ > kForcedCutSeconds) {
+      ++hub_.counters_.forcedCuts;
+      encodeCut();
+    }
+    if (out_.size() != 0) connection_->send(out_.view());
+    return !all;
   }
   void encodeCut() {
     cutOwed_ = mixed_ = false;
@@ -345,7 +343,7 @@ class Hub::Session final : public Writer,
     out_.u8(static_cast<uint8_t>(Op::cut));
   }
   void encodeAllTold() {
-    while (!told_.empty() && out_.size() < kFrameTarget) {
+    while (!told_.empty() && out_.size() < kFrameOfHub) {
       Told t = std::move(told_.front());
       told_.pop_front();
       encodeOneTold(std::move(t));
@@ -367,7 +365,7 @@ class Hub::Session final : public Writer,
     if (!e) return encodeRemoval(out_, *t.container, *t.collection, type, t.like->keyData(), 0, 0);
     noteMixed(*e);
     encodeTold(out_, *e, t.deep, [&] {
-      if (out_.size() < kFrameTarget) return;
+      if (out_.size() < kFrameOfHub) return;
       connection_->send(out_.view());
       out_.clear();
       cutOwed_ = true;

@@ -45,7 +45,10 @@ enum class Reach : uint8_t { journal = 0, tree = 1 };
 
 // Named bounds.
 inline constexpr size_t kMaxFrame = 4 << 20;       // bytes of one frame's payload
-inline constexpr size_t kFrameTarget = 32 * 1024;  // a sender starts a new frame past that
+// Where a sender starts a new frame. A frame is applied without a pause: those of a participant are
+// short, since the hub serves the others between them.
+inline constexpr size_t kFrameOfHub = 32 * 1024;
+inline constexpr size_t kFrameOfParticipant = 16 * 1024;
 inline constexpr size_t kSendAhead = 256 * 1024;   // unsent bytes past which nothing is encoded
 inline constexpr uint32_t kMaxHandles = 4u << 20;  // containers that one side may number
 inline constexpr uint32_t kMaxTypes = 4096;        // types that one side may declare

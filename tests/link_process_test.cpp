@@ -20,6 +20,7 @@
 #include "platform/model/wellknown.h"
 #include "platform/statehub/entity_manager.h"
 #include "platform/statehub/hub.h"
+#include "tests/support/temp_dir.h"
 
 namespace ryx::platform {
 namespace {
@@ -100,15 +101,14 @@ class Process {
 };
 
 struct Place {
-  Place() : path("/tmp/ryx-link-" + std::to_string(getpid())) { unlink(path.c_str()); }
-  ~Place() { unlink(path.c_str()); }
   sockaddr_un address() const {
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
     std::snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
     return a;
   }
-  std::string path;
+  test::TempDir directory;
+  const std::string path = directory / "hub";
 };
 
 // "sessions N": waits until so many are connected. "own NAME KEY": what that agent's status has.

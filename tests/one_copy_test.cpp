@@ -2,7 +2,6 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <link.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +9,7 @@
 #include <string>
 
 #include "platform/base/check.h"
+#include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
 
@@ -30,13 +30,7 @@ fs::path libraryOfThisProcess() {
 
 class OneCopy : public testing::Test {
  protected:
-  OneCopy() {
-    std::string pattern = fs::temp_directory_path() / "ryx-one-copy-XXXXXX";
-    directory_ = mkdtemp(pattern.data());
-  }
-  ~OneCopy() override { fs::remove_all(directory_); }
-
-  fs::path directory_;
+  ryx::test::TempDir directory_;
 };
 using OneCopyDeathTest = OneCopy;
 

@@ -10,6 +10,8 @@
 #include <ostream>
 #include <string>
 
+#include "tests/support/temp_dir.h"
+
 namespace {
 
 using std::string;
@@ -70,9 +72,8 @@ class OverrideMatrix : public testing::TestWithParam<Manner> {
  protected:
   // The directory with libports.so, made as libryx.so is.
   static void SetUpTestSuite() {
-    string pattern = testing::TempDir() + "override_matrix.XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    dir_ = new string(pattern + "/");
+    temp_ = new ryx::test::TempDir;
+    dir_ = new string(temp_->path().string() + "/");
     const Outcome built =
         shell(string(RYX_CXX) +
               " -std=c++20 -O2 -fPIC -shared -fvisibility=hidden -fvisibility-inlines-hidden "
@@ -81,12 +82,13 @@ class OverrideMatrix : public testing::TestWithParam<Manner> {
     ASSERT_TRUE(built.ok) << built.output;
   }
   static void TearDownTestSuite() {
-    shell("rm -rf " + *dir_);
     delete dir_;
+    delete temp_;
   }
   static const string& dir() { return *dir_; }
 
  private:
+  static inline ryx::test::TempDir* temp_ = nullptr;
   static inline string* dir_ = nullptr;
 };
 

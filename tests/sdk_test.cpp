@@ -31,6 +31,7 @@
 #include "ryx/timer.h"
 #include "tests/slots.h"
 #include "tests/support/statehub_fixture.h"
+#include "tests/support/temp_dir.h"
 
 extern char** environ;
 
@@ -630,7 +631,7 @@ class Server {
     if (family == AF_UNIX) {
       sockaddr_un address{};
       address.sun_family = AF_UNIX;
-      path_ = "/tmp/ryx-sdk-test-" + std::to_string(::getpid());
+      path_ = directory_ / "hub";
       path_.copy(address.sun_path, sizeof address.sun_path - 1);
       bind(reinterpret_cast<sockaddr*>(&address), sizeof address);
     } else {
@@ -644,9 +645,6 @@ class Server {
       port_ = ntohs(address.sin_port);
     }
     door_ = std::make_unique<Door>(fd_, hub_);
-  }
-  ~Server() {
-    if (!path_.empty()) ::unlink(path_.c_str());
   }
   std::string argument() const {
     return path_.empty() ? "--statehubport=" + std::to_string(port_)
@@ -671,6 +669,7 @@ class Server {
   }
 
   const int fd_;
+  test::TempDir directory_;
   std::string path_;
   int port_ = 0;
   platform::Tree tree_;

@@ -16,6 +16,7 @@
 #include "switch/base/interfaces.h"
 #include "switch/sim/input.h"
 #include "switch/sim/sim.h"
+#include "tests/support/temp_dir.h"
 
 namespace ryx::sim {
 namespace {
@@ -209,13 +210,6 @@ TEST_F(SimTest, AnInterfaceMadeAgainIsAnother) {
 
 class SimInputTest : public SimTest {
  protected:
-  SimInputTest() {
-    char name[] = "/tmp/ryx-sim-XXXXXX";
-    directory_ = mkdtemp(name);
-    path_ = directory_ + "/input";
-  }
-  ~SimInputTest() override { std::filesystem::remove_all(directory_); }
-
   void write(const std::string& text, int flags = O_WRONLY | O_APPEND | O_CREAT) {
     int fd = open(path_.c_str(), flags, 0600);
     ASSERT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
@@ -233,8 +227,9 @@ class SimInputTest : public SimTest {
     return input;
   }
 
-  std::string directory_;
-  std::string path_;
+  test::TempDir temp_;
+  const std::string directory_ = temp_.path();
+  const std::string path_ = temp_ / "input";
 };
 
 TEST_F(SimInputTest, AScenarioIsDoneWholeAndItsFaultsAreTold) {

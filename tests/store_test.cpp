@@ -1129,7 +1129,8 @@ TEST(NameTest, KeptOnceAsLongAsUsed) {
     EXPECT_TRUE(a < c);
     Name moved = std::move(a);
     a = c;
-    b = b;
+    Name& same = b;
+    b = same;
     c = Name();
     EXPECT_EQ(moved.view(), "one");
     EXPECT_EQ(a.view(), "two");

@@ -56,7 +56,7 @@ struct Dirty : JournalRootType<Dirty> {
 
 class Commit : public JournalReactor {
  public:
-  Commit(Dirty& dirty, RouteInput& input) : JournalReactor("Commit"), dirty_(dirty), input_(input) {
+  Commit(Dirty& dirty, RouteInput& input) : JournalReactor("Commit"), input_(input) {
     follow(dirty.journal);
   }
   uint64_t committed = 0;
@@ -74,7 +74,6 @@ class Commit : public JournalReactor {
   }
 
  private:
-  Dirty& dirty_;
   RouteInput& input_;
 };
 

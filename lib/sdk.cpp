@@ -195,6 +195,9 @@ void sdk::initialize_context() {
   RYX_TRACE(trace(), 1, "sdk initialize context.");
   platform::EntityManager* em = context_->connection();
   if (em == nullptr) panic("No ryxsdk context provided, unable to initialize");
+  if (em->agentName() != name_)
+    panic(configuration_error("the entity manager is that of agent \"" + em->agentName() +
+                              "\", and this context's agent is \"" + name_ + "\""));
   recordMainThreadIfNone();
   RawMounter& mounter = context_->mounter();
   mounter.mountMgrIs(get_mount_mgr());

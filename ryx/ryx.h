@@ -12,6 +12,7 @@
 #include <ryx/event_loop.h>
 #include <ryx/fd.h>
 #include <ryx/get_agent_process_name.h>
+#include <ryx/host.h>
 #include <ryx/intf.h>
 #include <ryx/intf_mgr_helper.h>
 #include <ryx/ip.h>

@@ -513,6 +513,16 @@ TEST_F(MainLoop, TheEventLoopEndsTheProcessToo) {
         loop->run(0);
       },
       ::testing::ExitedWithCode(130), "");
+  // One that comes while the loop waits, in whatever thread.
+  EXPECT_EXIT(
+      {
+        sdk context("tester");
+        event_loop* loop = context.get_event_loop();
+        loop->wait_for_initialized();
+        std::thread([] { std::raise(SIGTERM); }).detach();
+        loop->run(60);
+      },
+      ::testing::ExitedWithCode(143), "");
 }
 
 [[noreturn]] void leaveTwice() {

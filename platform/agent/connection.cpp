@@ -86,17 +86,6 @@ int connectToPort(const std::string& text, std::string* why) {
                    "TCP port " + text, why);
 }
 
-int connectToServer(const ConnectionSettings& settings, std::string* why) {
-  if (const int fd = settings.descriptor; fd >= 0) {
-    if (::fcntl(fd, F_GETFD) != -1) return fd;
-    *why = "the inherited descriptor " + std::to_string(fd) + " is not open";
-    return -1;
-  }
-  if (!settings.socketName.empty()) return connectToSocket(settings.socketName, why);
-  if (!settings.port.empty()) return connectToPort(settings.port, why);
-  return connectToSocket(settings.defaultSocketName(), why);
-}
-
 }  // namespace
 
 ConnectionSettings ConnectionSettings::fromEnvironment() {
@@ -109,6 +98,17 @@ ConnectionSettings ConnectionSettings::fromEnvironment() {
 
 std::string ConnectionSettings::defaultSocketName() const {
   return "/run/ryx/" + (systemName.empty() ? kDefaultSystem : systemName) + "/statehub";
+}
+
+int connectToServer(const ConnectionSettings& settings, std::string* why) {
+  if (const int fd = settings.descriptor; fd >= 0) {
+    if (::fcntl(fd, F_GETFD) != -1) return fd;
+    *why = "the inherited descriptor " + std::to_string(fd) + " is not open";
+    return -1;
+  }
+  if (!settings.socketName.empty()) return connectToSocket(settings.socketName, why);
+  if (!settings.port.empty()) return connectToPort(settings.port, why);
+  return connectToSocket(settings.defaultSocketName(), why);
 }
 
 std::unique_ptr<EntityManager> connectToStatehub(const ConnectionSettings& settings,

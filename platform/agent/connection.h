@@ -24,10 +24,13 @@ struct RYX_PRIVATE ConnectionSettings {
   std::string defaultSocketName() const;
 };
 
+// A connected socket to the server: the descriptor, else the socket, else the port, else the
+// default socket, the first of them that is given. -1, with `why` set, when there is none.
+RYX_PRIVATE int connectToServer(const ConnectionSettings& settings, std::string* why);
+
 // The connection, for the agent of that name: the Statehub of this process, with its feed, when
-// STATEHUBLOCAL is set; else over the descriptor, else at the socket, else at the port, else at the
-// default socket: the first of them that is given. When it cannot be had, says on standard error
-// what to do and exits with status 1.
+// STATEHUBLOCAL is set; else to the server. When it cannot be had, says on standard error what to
+// do and exits with status 1.
 RYX_PRIVATE std::unique_ptr<EntityManager> connectToStatehub(const ConnectionSettings& settings,
                                                              std::string_view agentName);
 

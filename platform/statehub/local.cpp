@@ -2,8 +2,10 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 #include "platform/model/wellknown.h"
 
@@ -14,6 +16,8 @@ namespace {
 struct Local {
   Tree tree;
   Feed* feed = nullptr;
+  bool started = false;
+  std::string text;  // of the feed that was started
 };
 Local& local() {
   static Local* local = [] {
@@ -35,22 +39,20 @@ std::string feedDirectory() {
   return (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + "ryx";
 }
 
-void loadFeed(const std::string& name, const std::string& argument) {
-  std::string file = feedDirectory() + "/feed_" + name + ".so";
-  auto tell = [&](const std::string& what) {
-    std::fprintf(stderr, "STATEHUBLOCAL: the feed \"%s\" (%s) %s; the local Statehub has no feed\n",
-                 name.c_str(), file.c_str(), what.c_str());
-  };
+// What keeps it from starting; empty: it has started.
+std::string loadFeed(const std::string& name, const std::string& argument) {
+  const std::string file = feedDirectory() + "/feed_" + name + ".so";
+  const std::string which = "the feed \"" + name + "\" (" + file + ") ";
   void* module = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!module) return tell(std::string("cannot be loaded: ") + dlerror());
+  if (!module) return which + "cannot be loaded: " + dlerror();
   auto* abi = static_cast<const char*>(dlsym(module, kFeedAbiSymbol));
   if (!abi || std::string_view(abi) != kPlatformAbi)
-    return tell("is of another build of libryx.so");
+    return which + "is of another build of libryx.so";
   auto start = reinterpret_cast<FeedStart>(dlsym(module, kFeedStartSymbol));
-  if (!start) return tell("has no entry ryxFeedStart");
+  if (!start) return which + "has no entry ryxFeedStart";
   std::string error;
   local().feed = start(localTree(), argument, &error);
-  if (!local().feed) tell("does not start: " + error);
+  return local().feed ? "" : which + "does not start: " + error;
 }
 
 }  // namespace
@@ -65,24 +67,28 @@ bool localSelected() {
   return std::getenv("STATEHUBLOCAL") != nullptr;
 }
 
-void startLocalFeed() {
-  static bool started = false;
-  const char* value = std::getenv("STATEHUBLOCAL");
-  if (started || !value) return;
-  started = true;
-  std::string text = value;
-  if (text.empty() || text == "1") return;
-  std::string name = text.substr(0, text.find(':'));
-  std::string argument = name.size() == text.size() ? std::string() : text.substr(name.size() + 1);
-  if (name != "linux" && name != "sim") {
-    std::fprintf(
-        stderr,
-        "STATEHUBLOCAL=%s: expected \"linux\", \"sim\", \"sim:FILE\", \"1\" or nothing; the "
-        "local Statehub has no feed\n",
-        value);
-    return;
+std::string startFeed(const std::string& feed) {
+  Local& here = local();
+  if (here.started) return feed == here.text ? "" : "the feed \"" + here.text + "\" was started";
+  if (!feed.empty() && feed != "1") {
+    const std::string name = feed.substr(0, feed.find(':'));
+    if (name != "linux" && name != "sim")
+      return "expected \"linux\", \"sim\", \"sim:FILE\", \"1\" or nothing";
+    std::string why = loadFeed(name, feed.substr(std::min(feed.size(), name.size() + 1)));
+    if (!why.empty()) return why;
   }
-  loadFeed(name, argument);
+  here.started = true;
+  here.text = feed;
+  return "";
+}
+
+void startLocalFeed() {
+  static bool tried = false;
+  const char* value = std::getenv("STATEHUBLOCAL");
+  if (!value || std::exchange(tried, true)) return;
+  if (const std::string why = startFeed(value); !why.empty())
+    std::fprintf(stderr, "STATEHUBLOCAL=%s: %s; the local Statehub has no feed\n", value,
+                 why.c_str());
 }
 
 }  // namespace ryx::platform

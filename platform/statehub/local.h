@@ -19,8 +19,12 @@ RYX_PRIVATE Tree& localTree();
 // Whether STATEHUBLOCAL is set, whatever its value.
 RYX_PRIVATE bool localSelected();
 
-// Starts the feed that STATEHUBLOCAL names, once a process. An unknown value, a module that is not
-// there or does not start is told on standard error; the Statehub then stays without a feed.
+// Starts a feed, as STATEHUBLOCAL names it; a process has one. What keeps it from starting, or the
+// empty text; the Statehub then stays without a feed.
+[[nodiscard]] RYX_PRIVATE std::string startFeed(const std::string& feed);
+
+// Starts the feed that STATEHUBLOCAL names, once a process. What keeps it from starting is told on
+// standard error.
 RYX_PRIVATE void startLocalFeed();
 
 // What a feed is: made by its module's `ryxFeedStart`, destroyed never (it lives as the tree does).

@@ -5,13 +5,11 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -19,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "bench/warm_memory.h"
+#include "bench/measure.h"
 #include "platform/activity/activity.h"
 #include "platform/model/interface.h"
 #include "platform/model/routing.h"
@@ -30,30 +28,9 @@
 
 using namespace ryx::platform;
 using namespace ryx::platform::Routing;
+using namespace ryx::bench;
 
 namespace {
-
-double seconds() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-double residentMiB() {
-  unsigned long size = 0, resident = 0;
-  std::FILE* f = std::fopen("/proc/self/statm", "r");
-  if (!f || std::fscanf(f, "%lu %lu", &size, &resident) != 2) std::abort();
-  std::fclose(f);
-  return static_cast<double>(resident) * 4096 / (1 << 20);
-}
-[[noreturn]] void fail(const char* what) {
-  std::printf("FAILED: %s\n", what);
-  std::exit(1);
-}
-
-double cpuSeconds() {
-  rusage used{};
-  getrusage(RUSAGE_SELF, &used);
-  auto of = [](timeval t) { return static_cast<double>(t.tv_sec) + 1e-6 * t.tv_usec; };
-  return of(used.ru_utime) + of(used.ru_stime);
-}
 
 // What the processes share: each writes its own fields.
 struct Board {
@@ -584,9 +561,8 @@ int main() {
       mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (shared == MAP_FAILED) fail("mmap");
   board = static_cast<Board*>(shared);
-  const char* env = std::getenv("RYX_BENCH_SMALL");
-  bool small = env && *env == '1';
-  if (!small) ryx::bench::warmMemory(1280);
+  bool small = isSmall();
+  if (!small) warmMemory(1280);
   million(small ? 10'000 : 1'000'000);
   fanOut(small ? 2'000 : 200'000);
   oneChange(small ? 200 : 20'000, small ? 10'000 : 1'000'000);

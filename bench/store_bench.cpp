@@ -1,15 +1,12 @@
 // The store, beside its budgets: a million routes from an agent's calls to committed, and what one
 // settled route costs in memory. The road is the one a route manager takes: a working copy and a
 // dirty key a call, then a commit that copies them into the agent's input, followed by one reactor.
-#include <malloc.h>
-
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <vector>
 
-#include "bench/warm_memory.h"
+#include "bench/measure.h"
 #include "platform/activity/activity.h"
 #include "platform/model/routing.h"
 #include "platform/qel/dir.h"
@@ -17,23 +14,9 @@
 
 using namespace ryx::platform;
 using namespace ryx::platform::Routing;
+using namespace ryx::bench;
 
 namespace {
-
-double seconds() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-[[noreturn]] void fail(const char* what) {
-  std::fprintf(stderr, "store_bench: %s\n", what);
-  std::exit(1);
-}
-size_t residentBytes() {
-  unsigned long size = 0, resident = 0;
-  std::FILE* f = std::fopen("/proc/self/statm", "r");
-  if (!f || std::fscanf(f, "%lu %lu", &size, &resident) != 2) std::abort();
-  std::fclose(f);
-  return resident * 4096;
-}
 
 struct DirtyKey {
   RouteKey route;
@@ -131,7 +114,6 @@ void million(uint32_t count) {
   Store store;
   double took = setAll(store, count, 1);
   RouteInput* input = store.input;
-  malloc_trim(0);
   size_t bytes = residentBytes() - before;
   std::printf(
       "%u routes set to committed, followed by a reactor: %.3f s (target 0.8 s for 1,000,000)\n",
@@ -215,11 +197,11 @@ void writesThenRun(uint32_t rounds) {
 
 // store_bench [ROUTES]; a small number of everything where RYX_BENCH_SMALL is set.
 int main(int argc, char** argv) {
-  bool small = std::getenv("RYX_BENCH_SMALL") != nullptr;
+  bool small = isSmall();
   uint32_t count = small ? 5000 : 1000000;
   if (argc > 1 && argv[1][0] >= '1' && argv[1][0] <= '9')
     count = static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10));
-  if (!small) ryx::bench::warmMemory(512);
+  if (!small) warmMemory(512);
   million(count);
   unordered(count);
   writeAndRun(count);

@@ -59,8 +59,8 @@ class EmbeddedMountGroup final : public MountGroup, private Task {
 
 class EmbeddedEntityManager final : public EntityManager {
  public:
-  explicit EmbeddedEntityManager(std::string_view agentName)
-      : EntityManager(agentName), tree_(localTree()) {}
+  EmbeddedEntityManager(std::string_view agentName, Tree& tree)
+      : EntityManager(agentName), tree_(tree) {}
 
   std::unique_ptr<MountGroup> mountGroup() override {
     return std::make_unique<EmbeddedMountGroup>(*this);
@@ -77,7 +77,10 @@ class EmbeddedEntityManager final : public EntityManager {
 }  // namespace
 
 std::unique_ptr<EntityManager> EntityManager::embedded(std::string_view agentName) {
-  return std::make_unique<EmbeddedEntityManager>(agentName);
+  return embedded(agentName, localTree());
+}
+std::unique_ptr<EntityManager> EntityManager::embedded(std::string_view agentName, Tree& tree) {
+  return std::make_unique<EmbeddedEntityManager>(agentName, tree);
 }
 
 Writer::Admission EntityManager::admits(const Journal&, const Entity& entity,

@@ -55,6 +55,8 @@ class RYX_PRIVATE EntityManager : public Writer {
  public:
   // On the tree of this process. `agentName`: who it is; empty: a service.
   static std::unique_ptr<EntityManager> embedded(std::string_view agentName);
+  // On another tree of this process, which outlives it.
+  static std::unique_ptr<EntityManager> embedded(std::string_view agentName, Tree& tree);
   // On a replica, over a connected stream socket, whose descriptor it owns from now on.
   static std::unique_ptr<EntityManager> overSocket(int fd, std::string_view agentName);
 

@@ -15,7 +15,7 @@ namespace {
 // As long as the process: reactors and feeds may outlive every static.
 struct Local {
   Tree tree;
-  Feed* feed = nullptr;
+  std::unique_ptr<Feed> feed;
   bool started = false;
   std::string text;  // of the feed that was started
 };
@@ -39,22 +39,6 @@ std::string feedDirectory() {
   return (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + "ryx";
 }
 
-// What keeps it from starting; empty: it has started.
-std::string loadFeed(const std::string& name, const std::string& argument) {
-  const std::string file = feedDirectory() + "/feed_" + name + ".so";
-  const std::string which = "the feed \"" + name + "\" (" + file + ") ";
-  void* module = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!module) return which + "cannot be loaded: " + dlerror();
-  auto* abi = static_cast<const char*>(dlsym(module, kFeedAbiSymbol));
-  if (!abi || std::string_view(abi) != kPlatformAbi)
-    return which + "is of another build of libryx.so";
-  auto start = reinterpret_cast<FeedStart>(dlsym(module, kFeedStartSymbol));
-  if (!start) return which + "has no entry ryxFeedStart";
-  std::string error;
-  local().feed = start(localTree(), argument, &error);
-  return local().feed ? "" : which + "does not start: " + error;
-}
-
 }  // namespace
 
 const char kPlatformAbi[] = RYX_VERSION;
@@ -67,6 +51,26 @@ bool localSelected() {
   return std::getenv("STATEHUBLOCAL") != nullptr;
 }
 
+std::unique_ptr<Feed> loadFeed(Tree& tree, const std::string& name, const std::string& argument,
+                               std::string* why) {
+  const std::string file = feedDirectory() + "/feed_" + name + ".so";
+  const auto fault = [&](const std::string& what) {
+    *why = "the feed \"" + name + "\" (" + file + ") " + what;
+    return nullptr;
+  };
+  void* module = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!module) return fault(std::string("cannot be loaded: ") + dlerror());
+  auto* abi = static_cast<const char*>(dlsym(module, kFeedAbiSymbol));
+  if (!abi || std::string_view(abi) != kPlatformAbi)
+    return fault("is of another build of libryx.so");
+  auto start = reinterpret_cast<FeedStart>(dlsym(module, kFeedStartSymbol));
+  if (!start) return fault("has no entry ryxFeedStart");
+  std::string error;
+  std::unique_ptr<Feed> feed(start(tree, argument, &error));
+  if (!feed) fault("does not start: " + error);
+  return feed;
+}
+
 std::string startFeed(const std::string& feed) {
   Local& here = local();
   if (here.started) return feed == here.text ? "" : "the feed \"" + here.text + "\" was started";
@@ -74,8 +78,10 @@ std::string startFeed(const std::string& feed) {
     const std::string name = feed.substr(0, feed.find(':'));
     if (name != "linux" && name != "sim")
       return "expected \"linux\", \"sim\", \"sim:FILE\", \"1\" or nothing";
-    std::string why = loadFeed(name, feed.substr(std::min(feed.size(), name.size() + 1)));
-    if (!why.empty()) return why;
+    std::string why;
+    here.feed =
+        loadFeed(here.tree, name, feed.substr(std::min(feed.size(), name.size() + 1)), &why);
+    if (!here.feed) return why;
   }
   here.started = true;
   here.text = feed;

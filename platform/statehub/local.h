@@ -6,6 +6,7 @@
 // (or from RYX_FEED_DIR): libryx.so itself knows no kernel and no simulation.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -19,21 +20,31 @@ RYX_PRIVATE Tree& localTree();
 // Whether STATEHUBLOCAL is set, whatever its value.
 RYX_PRIVATE bool localSelected();
 
-// Starts a feed, as STATEHUBLOCAL names it; a process has one. What keeps it from starting, or the
-// empty text; the Statehub then stays without a feed.
+// What a feed is: made by its module's `ryxFeedStart`.
+class Feed {
+ public:
+  virtual ~Feed() = default;
+  // Does what one line says, where a feed obeys lines. Empty when it is done; else what was wrong
+  // and what was expected.
+  [[nodiscard]] virtual std::string command(std::string_view) {
+    return "this feed takes no commands";
+  }
+};
+
+// Loads a feed's module and starts it on `tree`, with what stands behind its name and a colon.
+// Null, with `why` set, when it cannot be loaded or does not start. The module stays loaded.
+RYX_PRIVATE std::unique_ptr<Feed> loadFeed(Tree& tree, const std::string& name,
+                                           const std::string& argument, std::string* why);
+
+// Starts a feed on the process's tree, as STATEHUBLOCAL names it; a process has one there, as long
+// as it lives. What keeps it from starting, or the empty text; the Statehub then stays without one.
 [[nodiscard]] RYX_PRIVATE std::string startFeed(const std::string& feed);
 
 // Starts the feed that STATEHUBLOCAL names, once a process. What keeps it from starting is told on
 // standard error.
 RYX_PRIVATE void startLocalFeed();
 
-// What a feed is: made by its module's `ryxFeedStart`, destroyed never (it lives as the tree does).
-class Feed {
- public:
-  virtual ~Feed() = default;
-};
-// The module's entry: `argument` is what stands behind the feed's name and a colon. Null, with
-// `error` set, when it cannot start.
+// The module's entry. Null, with `error` set, when it cannot start.
 using FeedStart = Feed* (*)(Tree& tree, const std::string& argument, std::string* error);
 inline constexpr const char* kFeedStartSymbol = "ryxFeedStart";
 // Says that module and library are of one build.

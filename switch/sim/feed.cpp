@@ -23,6 +23,7 @@ class SimFeed final : public Feed {
     if (error.empty() && !scenario.empty()) error = ryx::sim::runScenario(sim_, scenario);
     return error;
   }
+  std::string command(std::string_view line) override { return sim_.command(line); }
 
  private:
   ryx::sim::Sim sim_;

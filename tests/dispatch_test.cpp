@@ -18,6 +18,7 @@
 #include "ryx/base_handler.h"
 #include "ryx/base_mgr.h"
 #include "tests/slots.h"
+#include "tests/support/random_runs.h"
 
 namespace {
 
@@ -642,27 +643,23 @@ void random_dispatches::construct(int slot) {
   }
 }
 
-unsigned setting(const char* name, unsigned otherwise) {
-  const char* text = std::getenv(name);
-  return text == nullptr ? otherwise : static_cast<unsigned>(std::atol(text));
-}
-
-// RYX_DISPATCH_OPS: how many operations; RYX_DISPATCH_SEED: the first seed.
 TEST(Dispatch, randomOperationsAgainstTheModel) {
   constexpr int kEach = 1000;
-  const unsigned first = setting("RYX_DISPATCH_SEED", 1);
-  const unsigned runs = setting("RYX_DISPATCH_OPS", 40000) / kEach;
+  const unsigned wanted = 40 * ryx::test::testTimes();
+  unsigned runs = 0;
   port_handler::default_calls = 0;
   int calls = 0;
-  for (unsigned seed = first; seed < first + runs && !HasFailure(); ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    random_dispatches test(seed);
-    test.run(kEach);
-    calls += test.calls();
-  }
+  ryx::test::seededRuns([&] { return runs == wanted; },
+                        [&](unsigned seed) {
+                          random_dispatches test(seed);
+                          test.run(kEach);
+                          calls += test.calls();
+                          ++runs;
+                        });
   EXPECT_EQ(0, port_handler::default_calls);
   EXPECT_EQ(0, port::live);
   EXPECT_GT(calls, static_cast<int>(runs) * 50) << "the operations hardly dispatched anything";
+  ryx::test::tellOperations(uint64_t{runs} * kEach);
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "platform/activity/activity.h"
 #include "platform/qel/reactor.h"
 #include "platform/statehub/local.h"
+#include "tests/support/random_runs.h"
 
 namespace ryx::platform {
 namespace {
@@ -283,11 +284,9 @@ TEST_F(IntfCollectionsTest, TheStatusOfPortChannelsIsCopied) {
 // Ports in slices that come, go and overlap, and kernel names that are fought over, against what a
 // look at everything gives.
 TEST_F(IntfCollectionsTest, RandomOperations) {
-  const char* text = std::getenv("RYX_TEST_SEED");
-  const unsigned seed = text ? static_cast<unsigned>(std::atol(text)) : std::random_device()();
+  const unsigned seed = test::fromEnvironment("RYX_TEST_SEED", std::random_device()());
   SCOPED_TRACE("RYX_TEST_SEED=" + std::to_string(seed));
-  const char* ops = std::getenv("RYX_TEST_OPS");
-  const int operations = ops ? std::atoi(ops) : 20000;
+  const int operations = 20000 * static_cast<int>(test::testTimes());
   std::mt19937 random(seed);
   auto pick = [&](int n) { return std::uniform_int_distribution<int>(0, n - 1)(random); };
 

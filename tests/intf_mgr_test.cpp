@@ -17,6 +17,7 @@
 #include "ryx/panic.h"
 #include "ryx/subintf.h"
 #include "switch/base/interfaces.h"
+#include "tests/support/random_runs.h"
 #include "tests/support/statehub_fixture.h"
 
 namespace ryx {
@@ -604,11 +605,9 @@ TEST_P(IntfMgrTest, HandlersThatInterfere) {
 // Random operations of the switch and of two agents, against a mirror that is built from what one
 // of them hears alone.
 TEST_P(IntfMgrTest, MirrorFromCallbacks) {
-  const char* text = std::getenv("RYX_TEST_SEED");
-  const unsigned seed = text ? static_cast<unsigned>(std::atol(text)) : std::random_device()();
+  const unsigned seed = test::fromEnvironment("RYX_TEST_SEED", std::random_device()());
   SCOPED_TRACE("RYX_TEST_SEED=" + std::to_string(seed));
-  const char* ops = std::getenv("RYX_TEST_OPS");
-  const int operations = ops ? std::atoi(ops) : 5000;
+  const int operations = 5000 * static_cast<int>(test::testTimes());
   std::mt19937 random(seed);
   const auto pick = [&](int n) { return std::uniform_int_distribution<int>(0, n - 1)(random); };
 

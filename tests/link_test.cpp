@@ -20,6 +20,7 @@
 #include "platform/statehub/entity_manager.h"
 #include "platform/statehub/hub.h"
 #include "platform/statehub/wire.h"
+#include "tests/support/random_runs.h"
 
 namespace ryx::platform {
 namespace {
@@ -880,23 +881,21 @@ class Chaos {
   std::vector<Side> sides_;
 };
 
-// The number of steps is RYX_TEST_OPS when that is set, and the first seed RYX_TEST_SEED.
 TEST_F(LinkTest, RandomWritersEndEqual) {
   hub.reset();
-  const char* env = std::getenv("RYX_TEST_OPS");
-  long steps = env ? std::atol(env) : 60'000;
-  env = std::getenv("RYX_TEST_SEED");
-  for (unsigned seed = env ? static_cast<unsigned>(std::atol(env)) : 1; steps > 0; ++seed) {
-    SCOPED_TRACE("RYX_TEST_SEED=" + std::to_string(seed));
-    const int lengths[] = {25, 60, 200, 1000};
-    const unsigned keys[] = {1, 2, 3, 20};
-    int length = lengths[seed % 4];
-    Chaos chaos(seed, keys[seed / 4 % 4], time);
-    for (int i = 0; i < length; ++i) chaos.step();
-    chaos.expectAllEqual();
-    steps -= length;
-    if (HasFailure()) return;
-  }
+  const uint64_t wanted = uint64_t{60'000} * test::testTimes();
+  uint64_t steps = 0;
+  test::seededRuns([&] { return steps >= wanted; },
+                   [&](unsigned seed) {
+                     const int lengths[] = {25, 60, 200, 1000};
+                     const unsigned keys[] = {1, 2, 3, 20};
+                     int length = lengths[seed % 4];
+                     Chaos chaos(seed, keys[seed / 4 % 4], time);
+                     for (int i = 0; i < length; ++i) chaos.step();
+                     chaos.expectAllEqual();
+                     steps += static_cast<unsigned>(length);
+                   });
+  test::tellOperations(steps);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@ namespace ryx::platform {
 namespace {
 
 using ryx::test::randomRuns;
+using ryx::test::tellOperations;
 
 struct Leaf : EntityType<Leaf> {
   static constexpr const char* kTypeName = "test::ReactorLeaf";
@@ -76,7 +77,9 @@ struct World {
     return at;
   }
 
+  static inline uint64_t changes = 0;
   void change() {
+    ++changes;
     Entity* at = place();
     if (Dir* dir = at->as<Dir>())
       changeDir(*dir);
@@ -315,6 +318,7 @@ void World::check() {
 }
 
 TEST(ReactorTest, MirrorsEqualTheState) {
+  World::changes = 0;
   randomRuns(100, [](std::mt19937& random) {
     World world(random);
     for (int i = 0; i < 150 && !::testing::Test::HasFailure(); ++i) {
@@ -324,9 +328,11 @@ TEST(ReactorTest, MirrorsEqualTheState) {
       world.check();
     }
   });
+  tellOperations(World::changes);
 }
 
 TEST(ReactorTest, MirrorsEqualTheStateWhateverCallbacksDo) {
+  World::changes = 0;
   randomRuns(200, [](std::mt19937& random) {
     World world(random);
     for (int i = 0; i < 100 && !::testing::Test::HasFailure(); ++i) {
@@ -337,6 +343,7 @@ TEST(ReactorTest, MirrorsEqualTheStateWhateverCallbacksDo) {
       world.check();
     }
   });
+  tellOperations(World::changes);
 }
 
 TEST(ReactorTest, ReactorsOutliveTrees) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "bench/measure.h"
+#include "lib/dirty_table.h"
 #include "platform/activity/activity.h"
 #include "platform/model/routing.h"
 #include "platform/qel/dir.h"
@@ -15,6 +16,7 @@
 using namespace ryx::platform;
 using namespace ryx::platform::Routing;
 using namespace ryx::bench;
+using ryx::DirtyTable;
 
 namespace {
 
@@ -26,37 +28,21 @@ struct DirtyKey {
   }
   bool operator==(const DirtyKey&) const = default;
 };
-struct DirtyRoute : EntityType<DirtyRoute> {
-  static constexpr const char* kTypeName = "bench::DirtyRoute";
-  Key<DirtyKey> key;
-  Ref<Route> copy;
-};
-struct Dirty : JournalRootType<Dirty> {
-  static constexpr const char* kTypeName = "bench::Dirty";
-  Key<Name> key;
-  Collection<"route", DirtyRoute, kLocal> route;
-};
-
-class Commit : public JournalReactor {
+class Commit final : public DirtyTable<DirtyKey, Route> {
  public:
-  Commit(Dirty& dirty, RouteInput& input) : JournalReactor("Commit"), input_(input) {
-    follow(dirty.journal);
-  }
+  explicit Commit(RouteInput& input) : DirtyTable("Commit"), input_(input) {}
   uint64_t committed = 0;
 
- protected:
-  void onEntity(Entity& e, Change change) override {
-    if (change == Change::deleted) return;
-    auto& d = static_cast<DirtyRoute&>(e);
-    Route& copy = *d.copy;
-    Route* r = input_.route.create(d.key().route,
-                                   [&](Route& made) { made.routeType.init(copy.routeType()); });
-    EntityOps::copyAttributes(*r, copy);
-    EntityOps::remove(d);
+ private:
+  bool run(Slice& slice) override { return commitSome(slice); }
+  bool clogged() const override { return false; }
+  void commit(const DirtyKey& key, Route* copy) override {
+    Route* r = input_.route.create(key.route,
+                                   [&](Route& made) { made.routeType.init(copy->routeType()); });
+    EntityOps::copyAttributes(*r, *copy);
     ++committed;
   }
 
- private:
   RouteInput& input_;
 };
 
@@ -79,8 +65,7 @@ constexpr uint32_t kScatter = 2654435761u;
 struct Store {
   Tree tree;
   RouteInput* input = tree.make<RouteInput>("routing/vrf/input/default/RyxSdk-bench");
-  Dirty* dirty = tree.make<Dirty>("local/dirty");
-  Commit commit{*dirty, *input};
+  Commit commit{*input};
   Follower follower{*input};
 };
 
@@ -91,14 +76,14 @@ double setAll(Store& store, uint32_t count, uint64_t step) {
   IntfId intf;
   for (uint32_t i = 0; i < count; ++i) {
     RouteKey key = keyOf(static_cast<uint32_t>(i * step % count));
-    DirtyRoute* d = store.dirty->route.create(DirtyKey{key, vrf});
-    d->copy = make<Route>(key);
-    d->copy->tag.set(7);
-    d->copy->dynamic.set(true);
+    Ref<Route> copy = make<Route>(key);
+    copy->tag.set(7);
+    copy->dynamic.set(true);
     Via via;
     via.hop = IpAddr::v4(0xc0a80001u + (i & 0xff));
     via.intf = intf;
-    d->copy->via.edit([&](auto& set) { return set.insert(via); });
+    copy->via.edit([&](auto& set) { return set.insert(via); });
+    store.commit.set(DirtyKey{key, vrf}, std::move(copy));
     if ((i & 1023) == 0) activity().run(0);
   }
   activity().run(0);

@@ -1,0 +1,101 @@
+// What an agent has set and the switch has not been told yet. A change is made on a working copy,
+// outside of the tree, and its key is dirty from then on; when the loop runs, each dirty key is
+// committed in the order in which it became dirty. Ten changes of one key are one write then, an
+// operation that fails half way has changed nothing, and while the connection is clogged the keys
+// wait here, once each, instead of in an output buffer.
+//
+//   class IpRouteMgrSm final : public DirtyTable<DirtyRouteKey, Routing::Route> {
+//     bool run(Slice& slice) override {
+//       CallbackGuard guard(mgr_);
+//       return commitSome(slice);
+//     }
+//     void commit(const DirtyRouteKey& key, Routing::Route* copy) override;  // null: deleted
+//   };
+//
+// The key is a platform value with a hash (members()). Its iterators survive every change, commits
+// included: an entry may be seen or missed, never invalid.
+#pragma once
+
+#include "platform/activity/task.h"
+#include "platform/activity/timer.h"
+#include "platform/base/clock.h"
+#include "platform/qel/collection.h"
+
+namespace ryx {
+
+template <class K, class T>
+struct DirtyEntry : platform::EntityType<DirtyEntry<K, T>> {
+  static const char* typeName() {
+    static const std::string name = std::string("dirty ") + T::kTypeName;
+    return name.c_str();
+  }
+  platform::KeyOf<DirtyEntry, K> key;
+  platform::Ref<T> copy;  // null: the key is to be deleted
+};
+
+template <class K, class T>
+class DirtyTable : protected platform::Task, private platform::Timer {
+ public:
+  using Entry = DirtyEntry<K, T>;
+  using Iterator = platform::TypedIterator<Entry>;
+
+  bool isDirty(const K& key) const { return find(key) != nullptr; }
+  // Null when there is none: the key is not dirty, or is to be deleted.
+  T* copy(const K& key) const {
+    const Entry* entry = find(key);
+    return entry ? entry->copy.get() : nullptr;
+  }
+  // The key is dirty, and this is what it is to become: a working copy, or, when null, nothing.
+  void set(const K& key, platform::Ref<T> copy) {
+    entries_->entry.create(key)->copy = std::move(copy);
+    wake();
+  }
+  size_t size() const { return entries_->entry.size(); }
+  Iterator iterator() const { return entries_->entry.iterator(); }
+
+ protected:
+  explicit DirtyTable(const char* name) : Task(name), Timer(name) {}
+
+  // Writes what the key has become.
+  virtual void commit(const K& key, T* copy) = 0;
+  // The connection takes no more now.
+  virtual bool clogged() const = 0;
+  // Told once each time that commits are put off.
+  virtual void deferred() {}
+
+  // For run(): commits as many as the slice allows. A key that a commit makes dirty again is
+  // committed again.
+  bool commitSome(platform::Slice& slice) {
+    while (Iterator first = iterator()) {
+      if (clogged()) {
+        deferred();
+        armAt(platform::clock().now() + kRetrySeconds);
+        return false;
+      }
+      const platform::Ref<Entry> entry(&*first);
+      entries_->entry.remove(*entry);
+      commit(entry->key(), entry->copy.get());
+      if (slice.spent()) return true;
+    }
+    return false;
+  }
+
+ private:
+  static constexpr double kRetrySeconds = 0.001;
+
+  // Stands in no tree: nobody follows it.
+  struct Entries : platform::EntityType<Entries> {
+    static const char* typeName() {
+      static const std::string name = std::string("all dirty ") + T::kTypeName;
+      return name.c_str();
+    }
+    platform::CollectionOf<Entries, "entry", Entry, platform::kLocal> entry;
+  };
+
+  Entry* find(const K& key) const { return entries_->entry.find(key); }
+  void onTimer() override { wake(); }
+
+  const platform::Ref<Entries> entries_ = platform::make<Entries>();
+};
+
+}  // namespace ryx

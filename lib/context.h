@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "lib/raw_mounter.h"
+#include "platform/agent/connection.h"
 #include "platform/statehub/entity_manager.h"
 #include "ryx/panic.h"
 #include "ryx/print_profiles.h"
@@ -38,7 +39,9 @@ class sdk_context {
   // The connection: the host's, that of the event loop, or that of main_loop; null while there is
   // none.
   platform::EntityManager* connection() const { return connection_; }
-  void connectionIs(std::unique_ptr<platform::EntityManager> connection);
+  // One that was made by those settings, and is made again by them when it dies.
+  void connectionIs(std::unique_ptr<platform::EntityManager> connection,
+                    const platform::ConnectionSettings& settings);
 
   RawMounter& mounter() { return mounter_; }
 
@@ -70,6 +73,7 @@ class sdk_context {
  private:
   platform::EntityManager* connection_;
   std::unique_ptr<platform::EntityManager> own_;
+  std::unique_ptr<platform::Reconnection> reconnection_;
   std::unique_ptr<platform::AgentContainer> container_;
   RawMounter mounter_{"mounter"};
   mount_mgr* mounts_ = nullptr;

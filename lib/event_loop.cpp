@@ -170,15 +170,13 @@ ConnectionSettings passiveSettings(const std::vector<std::string>& arguments) {
   return settings;
 }
 
-std::unique_ptr<EntityManager> connect(const std::string& agentName) {
+ConnectionSettings settingsOfProcess() {
   if (platform::localSelected()) {
     RYX_TRACE(trace(), 1, "Local event_loop, for testing only");
-    return platform::connectToStatehub({}, agentName);
+    return {};
   }
   const std::vector<std::string> passive = platform::passiveMountArguments();
-  return platform::connectToStatehub(
-      passive.empty() ? ConnectionSettings::fromEnvironment() : passiveSettings(passive),
-      agentName);
+  return passive.empty() ? ConnectionSettings::fromEnvironment() : passiveSettings(passive);
 }
 
 }  // namespace
@@ -265,7 +263,8 @@ event_loop::event_loop(mount_mgr* mgr) : mgr_(mgr) {
   sdk_context& behind = sdk_context::of(context);
   if (behind.connection() != nullptr) return;
   checkMountableName(context.name());
-  behind.connectionIs(connect(context.name()));
+  const ConnectionSettings settings = settingsOfProcess();
+  behind.connectionIs(platform::connectToStatehub(settings, context.name()), settings);
   behind.mounter().mountMgrIs(mgr);
   behind.mounter().mount(*behind.connection());
 }

@@ -123,10 +123,12 @@ const std::vector<sdk_context*>& sdk_context::all() {
   return contexts();
 }
 
-void sdk_context::connectionIs(std::unique_ptr<platform::EntityManager> connection) {
+void sdk_context::connectionIs(std::unique_ptr<platform::EntityManager> connection,
+                               const platform::ConnectionSettings& settings) {
   const sdk_scoped_lock lock;
   own_ = std::move(connection);
   connection_ = own_.get();
+  reconnection_ = std::make_unique<platform::Reconnection>(*connection_, settings);
 }
 
 void sdk_context::containerIs(std::unique_ptr<platform::AgentContainer> container) {
@@ -222,7 +224,8 @@ void sdk::main_loop(int argc, char** argv) {
   context_->mounter().mountMgrIs(get_mount_mgr());
   static_cast<Agent*>(container.addAgent(agentName, kAgentType))->mounterIs(&context_->mounter());
   container.daemonize();
-  if (context_->connection() == nullptr) context_->connectionIs(container.connect(agentName));
+  if (context_->connection() == nullptr)
+    context_->connectionIs(container.connect(agentName), container.settings());
   platform::EntityManager& em = *context_->connection();
   container.startAgents(em);
 

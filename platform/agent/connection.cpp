@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include <cstring>
 
 #include "platform/base/check.h"
+#include "platform/base/clock.h"
 #include "platform/statehub/local.h"
 
 namespace ryx::platform {
@@ -122,6 +124,38 @@ std::unique_ptr<EntityManager> connectToStatehub(const ConnectionSettings& setti
   const int fd = connectToServer(settings, &why);
   if (fd < 0) noStatehub(agentName, why);
   return EntityManager::overSocket(fd, agentName);
+}
+
+Reconnection::Reconnection(EntityManager& em, const ConnectionSettings& settings)
+    : Timer("StatehubReconnection"), em_(em), settings_(settings) {
+  if (settings_.descriptor < 0 && !localSelected()) em_.onLostIs([this] { lost(); });
+}
+
+void Reconnection::lost() {
+  if (state_ == State::connected) {
+    std::fprintf(stderr, "The agent \"%s\" has lost its Statehub, and waits for it.\n",
+                 em_.agentName().c_str());
+    wait_ = kFirstSeconds;
+  } else {
+    wait_ = std::min(2 * wait_, kLongestSeconds);
+  }
+  state_ = State::searching;
+  armAt(clock().now() + wait_);
+}
+
+void Reconnection::search() {
+  std::string why;
+  const int fd = connectToServer(settings_, &why);
+  if (fd < 0) return lost();
+  state_ = State::onTrial;
+  armAt(clock().now() + kLastsSeconds);
+  em_.reconnected(fd);
+}
+
+void Reconnection::onTimer() {
+  if (state_ == State::searching) return search();
+  std::fprintf(stderr, "The agent \"%s\" has its Statehub again.\n", em_.agentName().c_str());
+  state_ = State::connected;
 }
 
 std::vector<std::string> passiveMountArguments() {

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/activity/timer.h"
 #include "platform/base/api.h"
 #include "platform/statehub/entity_manager.h"
 
@@ -33,6 +34,33 @@ RYX_PRIVATE int connectToServer(const ConnectionSettings& settings, std::string*
 // do and exits with status 1.
 RYX_PRIVATE std::unique_ptr<EntityManager> connectToStatehub(const ConnectionSettings& settings,
                                                              std::string_view agentName);
+
+// Brings a connection that died back to life: looks for the server again, soon at first and then
+// less often, until there is a connection that lasts. What the participant has stays readable
+// meanwhile, and what it writes waits. Nothing is done about the Statehub of this process, which
+// cannot die, and about a descriptor that was handed over, whose server starts its agents anew.
+// Loss and return are told on standard error, once each.
+class RYX_PRIVATE Reconnection final : private Timer {
+ public:
+  static constexpr double kFirstSeconds = 0.05;
+  static constexpr double kLongestSeconds = 2;
+  static constexpr double kLastsSeconds = 1;
+
+  // Of that connection, which outlives it.
+  Reconnection(EntityManager& em, const ConnectionSettings& settings);
+
+ private:
+  enum class State { connected, searching, onTrial };
+
+  void lost();
+  void search();
+  void onTimer() override;
+
+  EntityManager& em_;
+  const ConnectionSettings settings_;
+  State state_ = State::connected;
+  double wait_ = kFirstSeconds;
+};
 
 // The arguments that a server gives an agent that it started, in the environment: the count
 // STATEHUB_SOCKID_ARGC and as many STATEHUB_SOCKID_ARG_<n>. None when there is no count.

@@ -13,6 +13,7 @@
 
 #include "platform/activity/activity.h"
 #include "platform/qel/dir.h"
+#include "tests/support/mirror.h"
 #include "tests/support/random_runs.h"
 
 namespace ryx::platform {
@@ -150,78 +151,16 @@ struct World {
   void check();
 };
 
-// What it was told, and nothing else.
-class Mirror : public JournalReactor {
+// Does more than it is told of, now and then.
+class Mirror : public test::Mirror {
  public:
-  Mirror(World& world, Journal& journal, bool deep)
-      : JournalReactor("Mirror"), world_(world), root_(journal.root()), deep_(deep) {
-    follow(journal, deep);
-  }
-
-  // Its own state against what stands now below the root.
-  void check() const {
-    size_t there = 0;
-    if (!root_->dead() && root_->childJournal()->clock()) checkBelow(*root_, &there);
-    EXPECT_EQ(told_.size(), there);
-    EXPECT_TRUE(!rootTold_ || EntityOps::equalAttributes(*rootTold_, *root_));
-  }
+  Mirror(World& world, Journal& journal, bool deep) : test::Mirror(journal, deep), world_(world) {}
 
  protected:
-  void onEntity(Entity& e, Change change) override {
-    auto at = told_.find(&e);
-    bool known = at != told_.end();
-    EXPECT_EQ(known, change != Change::created) << "told twice of a creation, or of the unknown";
-    EXPECT_EQ(e.dead(), change == Change::deleted);
-    EXPECT_TRUE(!known || at->second.generation == e.generation());
-    if (change == Change::deleted) {
-      for (auto& [entity, told] : told_)
-        EXPECT_NE(told.parent, &e) << "a child's deletion comes before its parent's";
-      told_.erase(&e);
-    } else {
-      told_[&e] = {e.generation(), e.parent(), copyOf(e)};
-    }
-    world_.act(this);
-  }
-  void onRootChanged(Entity& e) override {
-    if (auto at = told_.find(&e); at != told_.end())
-      at->second.copy = copyOf(e);
-    else if (&e == root_.get())
-      rootTold_ = copyOf(e);
-    else
-      ADD_FAILURE() << "of a root that it does not know";
-    world_.act(this);
-  }
+  void told() override { world_.act(this); }
 
  private:
-  struct Told {
-    uint64_t generation;
-    const Entity* parent;
-    Ref<Entity> copy;
-  };
-  static Ref<Entity> copyOf(Entity& e) {
-    Ref<Entity> copy = EntityOps::make(e.type());
-    EntityOps::copyAttributes(*copy, e);
-    return copy;
-  }
-  void checkBelow(Entity& e, size_t* there) const {
-    for (const CollectionInfo& c : e.type().collections)
-      for (CollectionIterator it(e.collection(c)); it; it.next()) {
-        Entity& child = *it.get();
-        ++*there;
-        auto at = told_.find(&child);
-        ASSERT_TRUE(at != told_.end()) << "never told of " << child.path();
-        bool own = child.type().journalOffset != 0;
-        if (own && !deep_) continue;
-        ASSERT_TRUE(EntityOps::equalAttributes(*at->second.copy, child)) << child.path();
-        checkBelow(child, there);
-      }
-  }
-
   World& world_;
-  Ref<Entity> root_;
-  Ref<Entity> rootTold_;
-  bool deep_;
-  std::map<const Entity*, Told> told_;
 };
 
 // Follows one entity's attributes, and knows them when the loop is done.

@@ -476,55 +476,6 @@ class MainLoop : public ::testing::Test {
   ~MainLoop() override { ::unsetenv("STATEHUBLOCAL"); }
 };
 
-void raiseTwice(int signal) {
-  std::raise(signal);
-  std::raise(signal);
-}
-
-TEST_F(MainLoop, EndsByASignalWithItsStatus) {
-  EXPECT_EXIT(runAgent("tester", {}, [](agent_mgr&) { std::raise(SIGTERM); }),
-              ::testing::ExitedWithCode(143), "");
-  EXPECT_EXIT(runAgent("tester", {}, [](agent_mgr&) { raiseTwice(SIGINT); }),
-              ::testing::ExitedWithCode(130), "");
-  // One that comes while the process ends changes nothing.
-  EXPECT_EXIT(
-      {
-        std::atexit([] { raiseTwice(SIGTERM); });
-        runAgent("tester", {}, [](agent_mgr&) { std::raise(SIGTERM); });
-      },
-      ::testing::ExitedWithCode(143), "");
-  // One that came before the loop ran ends it too.
-  EXPECT_EXIT(
-      {
-        sdk context("tester");
-        std::raise(SIGTERM);
-        mainLoop(context);
-      },
-      ::testing::ExitedWithCode(143), "");
-}
-
-TEST_F(MainLoop, TheEventLoopEndsTheProcessToo) {
-  EXPECT_EXIT(
-      {
-        sdk context("tester");
-        event_loop* loop = context.get_event_loop();
-        loop->wait_for_initialized();
-        std::raise(SIGINT);
-        loop->run(0);
-      },
-      ::testing::ExitedWithCode(130), "");
-  // One that comes while the loop waits, in whatever thread.
-  EXPECT_EXIT(
-      {
-        sdk context("tester");
-        event_loop* loop = context.get_event_loop();
-        loop->wait_for_initialized();
-        std::thread([] { std::raise(SIGTERM); }).detach();
-        loop->run(60);
-      },
-      ::testing::ExitedWithCode(143), "");
-}
-
 [[noreturn]] void leaveTwice() {
   sdk context("tester");
   int initialized = 0;

@@ -267,8 +267,7 @@ void bufferSizeIs(int fd, uint32_t bytes) {
   socklen_t size = sizeof actual;
   if (::getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &actual, &size) != 0)
     panic("Unable to check internal buffer size");
-  RYX_TRACE(trace(), 7,
-            "Buf size is now is now " << actual << " (requested " << bytes << " bytes)");
+  RYX_TRACE(trace(), 7, "Buf size is now is now " << actual << " (requested " << bytes << ")");
   if (actual < 0 || bytes > static_cast<uint32_t>(actual))
     panic("Unable to set buffer size to requested value");
 }

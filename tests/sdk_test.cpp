@@ -435,36 +435,6 @@ TEST(Sdk, RefusesToStartUnderATrailingDash) {
   }
 }
 
-TEST_P(SdkTest, ResizesTheConnectionsBuffers) {
-  TestSdk context(*this, "tester");
-  context.start();
-  const auto text = [](uint32_t bytes) -> std::string {
-    try {
-      internal_connection_buffer_size_is(bytes);
-      return "";
-    } catch (const legacy_exception& e) {
-      return e.what();
-    }
-  };
-  if (hub() == nullptr) {
-    EXPECT_EQ("No internal socket found! Make sure you call this function from on_initialized()",
-              text(65536));
-    return;
-  }
-  const std::string told = text(1'000'001);
-  if (told.empty()) {
-    int actual = 0;
-    socklen_t size = sizeof actual;
-    ASSERT_EQ(0, ::getsockopt(context.connection().connections().at(0), SOL_SOCKET, SO_SNDBUF,
-                              &actual, &size));
-    EXPECT_GE(actual, 1'000'001);
-    EXPECT_EQ("Unable to set buffer size to requested value", text(0xffffffff));
-  } else {
-    EXPECT_EQ("Unable to set internal buffer's SO_SNDBUFFORCE. Make sure this is run as root",
-              told);
-  }
-}
-
 // --- main_loop ----------------------------------------------------------------------------------
 
 class MainLoop : public ::testing::Test {

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -288,6 +289,61 @@ TEST_F(HostedTest, AGuestMayBeRunNowAndThen) {
   feeds::createIntf(tree_, id("Ethernet1")).status->operStatus.set(1);
   for (const double end = now() + kDeadline; !agent.up["Ethernet1"] && now() < end;) loop->run(0);
   EXPECT_TRUE(agent.up["Ethernet1"]);
+}
+
+// A server that starts an agent hands the connection over, and says so in the environment.
+class Inherited {
+ public:
+  explicit Inherited(const std::vector<std::string>& arguments) {
+    set("STATEHUB_SOCKID_ARGC", std::to_string(arguments.size()));
+    for (size_t i = 0; i < arguments.size(); ++i)
+      set("STATEHUB_SOCKID_ARG_" + std::to_string(i), arguments[i]);
+  }
+  ~Inherited() {
+    for (const std::string& name : set_) ::unsetenv(name.c_str());
+  }
+
+ private:
+  void set(const std::string& name, const std::string& value) {
+    ::setenv(name.c_str(), value.c_str(), 1);
+    set_.push_back(name);
+  }
+  std::vector<std::string> set_;
+};
+
+struct Started : sdk {
+  Started() : sdk("guest") {}
+  ~Started() override { destroy_managers(); }
+};
+
+TEST_F(HostedTest, TheEventLoopTakesAnInheritedConnection) {
+  const Inherited inherited({"--agenttitle=Sdk-guest", "--demuxerOpts=1,2,name,Agent (1):2",
+                             "--statehubfd=" + std::to_string(ends_[1])});
+  Started guest;
+  Agent agent(guest);
+  event_loop* loop = guest.get_event_loop();
+  loop->wait_for_initialized();
+  EXPECT_TRUE(agent.initialized);
+  feeds::createIntf(tree_, id("Ethernet1")).status->operStatus.set(1);
+  for (const double end = now() + kDeadline; !agent.up["Ethernet1"] && now() < end;) loop->run(0);
+  EXPECT_TRUE(agent.up["Ethernet1"]);
+}
+
+TEST_F(HostedTest, WhatWasInheritedHasToBeWhole) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const std::string title = "--agenttitle=Sdk-guest";
+  const std::string fd = "--statehubfd=" + std::to_string(ends_[1]);
+  for (const char* options : {"--demuxerOpts=", "--demuxerOpts=1,2,name", "--demuxerOpts=1,2,,a",
+                              "--demuxerOpts=one,2,name,a"}) {
+    const Inherited inherited({title, options, fd});
+    EXPECT_DEATH({ Started().get_event_loop(); }, "--demuxerOpts not found in passive mount ags")
+        << options;
+  }
+  for (const char* badFd : {"--statehubfd=", "--statehubfd=x", "--statehubfd=-1"}) {
+    const Inherited inherited({title, "--demuxerOpts=1,2,name,a", badFd});
+    EXPECT_DEATH({ Started().get_event_loop(); }, "--statehubfd not found in passive mount ags")
+        << badFd;
+  }
 }
 
 // --- what a host may do wrong -------------------------------------------------------------------

@@ -19,21 +19,24 @@ using platform::EntityManager;
 
 struct host::impl {
   std::unique_ptr<EntityManager> em;
+  std::unique_ptr<platform::Reconnection> reconnection;
 
   static std::unique_ptr<host> with(std::unique_ptr<EntityManager> em) {
-    return std::unique_ptr<host>(new host(std::unique_ptr<impl>(new impl{std::move(em)})));
+    return std::unique_ptr<host>(new host(std::unique_ptr<impl>(new impl{std::move(em), nullptr})));
+  }
+  static std::unique_ptr<host> to(const std::string& agentName,
+                                  const ConnectionSettings& settings) {
+    std::string why;
+    const int fd = platform::connectToServer(settings, &why);
+    if (fd < 0) panic(configuration_error("cannot connect to Statehub: " + why));
+    std::unique_ptr<host> made = with(EntityManager::overSocket(fd, agentName));
+    made->impl_->reconnection =
+        std::make_unique<platform::Reconnection>(*made->impl_->em, settings);
+    return made;
   }
 };
 
 namespace {
-
-std::unique_ptr<EntityManager> toServer(const std::string& agentName,
-                                        const ConnectionSettings& settings) {
-  std::string why;
-  const int fd = platform::connectToServer(settings, &why);
-  if (fd < 0) panic(configuration_error("cannot connect to Statehub: " + why));
-  return EntityManager::overSocket(fd, agentName);
-}
 
 // What keeps the descriptor from being a connection; empty: nothing.
 std::string unfit(int fd) {
@@ -54,6 +57,7 @@ host::host(std::unique_ptr<impl> made) : impl_(std::move(made)) {}
 
 host::~host() {
   const sdk_scoped_lock lock;
+  impl_->reconnection.reset();
   impl_->em.reset();
 }
 
@@ -68,14 +72,14 @@ std::unique_ptr<host> host::at_socket(const std::string& agent_name, const std::
   const sdk_scoped_lock lock;
   ConnectionSettings settings;
   settings.socketName = path;
-  return impl::with(toServer(agent_name, settings));
+  return impl::to(agent_name, settings);
 }
 
 std::unique_ptr<host> host::at_port(const std::string& agent_name, uint16_t port) {
   const sdk_scoped_lock lock;
   ConnectionSettings settings;
   settings.port = std::to_string(port);
-  return impl::with(toServer(agent_name, settings));
+  return impl::to(agent_name, settings);
 }
 
 std::unique_ptr<host> host::over(const std::string& agent_name, int fd) {

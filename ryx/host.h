@@ -35,15 +35,17 @@ class RYX_API host {
   static std::unique_ptr<host> local(const std::string& agent_name, const std::string& feed = "");
 
   /// The server at a Unix socket, or, with an empty path, at the machine's default one. Raises a
-  /// configuration_error when nobody listens there.
+  /// configuration_error when nobody listens there. When the connection dies later, it is made
+  /// again as soon as the server is back; what the agent knows and writes is kept until then.
   static std::unique_ptr<host> at_socket(const std::string& agent_name, const std::string& path);
 
-  /// The server at a TCP port of this machine (1 to 65535). Raises a configuration_error.
+  /// The server at a TCP port of this machine (1 to 65535), likewise.
   static std::unique_ptr<host> at_port(const std::string& agent_name, uint16_t port);
 
   /// The server at the other end of a connected stream socket, such as one that was inherited. The
-  /// descriptor belongs to the host object from now on. Raises a configuration_error for a
-  /// descriptor that is not open or no stream socket; it is then still the caller's.
+  /// descriptor belongs to the host object from now on; when the connection dies it is dead. Raises
+  /// a configuration_error for a descriptor that is not open or no stream socket; it is then still
+  /// the caller's.
   static std::unique_ptr<host> over(const std::string& agent_name, int fd);
 
   host(const host&) = delete;
@@ -53,7 +55,7 @@ class RYX_API host {
   /// For the second argument of sdk's constructor.
   void* entity_manager() const;
 
-  /// False after a server's connection was lost. Always true of the local one.
+  /// False while the connection to a server is lost. Always true of the local one.
   bool connected() const;
 
  private:

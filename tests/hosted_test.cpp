@@ -31,6 +31,7 @@
 #include "ryx/sdk_scoped_lock.h"
 #include "ryx/timer.h"
 #include "switch/base/interfaces.h"
+#include "switch/hub/server.h"
 #include "tests/support/temp_dir.h"
 
 namespace ryx {
@@ -277,6 +278,11 @@ TYPED_TEST(HostedLoopTest, TheGuestLivesInTheHostsLoop) {
   EXPECT_TRUE(loop.until([&] { return !h->connected(); }));
 }
 
+bool until(const event_loop& loop, const std::function<bool()>& done) {
+  for (const double end = now() + kDeadline; !done() && now() < end;) loop.run(0.001);
+  return done();
+}
+
 TEST_F(HostedTest, AGuestMayBeRunNowAndThen) {
   auto h = host::over("guest", ends_[1]);
   Guest guest(*h);
@@ -287,8 +293,7 @@ TEST_F(HostedTest, AGuestMayBeRunNowAndThen) {
   loop->wait_for_initialized();
   EXPECT_TRUE(agent.initialized);
   feeds::createIntf(tree_, id("Ethernet1")).status->operStatus.set(1);
-  for (const double end = now() + kDeadline; !agent.up["Ethernet1"] && now() < end;) loop->run(0);
-  EXPECT_TRUE(agent.up["Ethernet1"]);
+  EXPECT_TRUE(until(*loop, [&] { return agent.up["Ethernet1"]; }));
 }
 
 // A server that starts an agent hands the connection over, and says so in the environment.
@@ -325,8 +330,7 @@ TEST_F(HostedTest, TheEventLoopTakesAnInheritedConnection) {
   loop->wait_for_initialized();
   EXPECT_TRUE(agent.initialized);
   feeds::createIntf(tree_, id("Ethernet1")).status->operStatus.set(1);
-  for (const double end = now() + kDeadline; !agent.up["Ethernet1"] && now() < end;) loop->run(0);
-  EXPECT_TRUE(agent.up["Ethernet1"]);
+  EXPECT_TRUE(until(*loop, [&] { return agent.up["Ethernet1"]; }));
 }
 
 TEST_F(HostedTest, WhatWasInheritedHasToBeWhole) {
@@ -344,6 +348,25 @@ TEST_F(HostedTest, WhatWasInheritedHasToBeWhole) {
     EXPECT_DEATH({ Started().get_event_loop(); }, "--statehubfd not found in passive mount ags")
         << badFd;
   }
+}
+
+TEST_F(HostedTest, AServersConnectionIsMadeAgain) {
+  test::TempDir directory;
+  const std::string socket = directory / "statehub";
+  std::string error;
+  auto server = hub::Server::listen(hub_, socket, &error);
+  ASSERT_TRUE(server) << error;
+  auto h = host::at_socket("guest", socket);
+  Guest guest(*h);
+  Agent agent(guest);
+  guest.initialize_context();
+  event_loop* loop = guest.get_event_loop();
+  loop->wait_for_initialized();
+  hub_.dropAll();
+  EXPECT_TRUE(until(*loop, [&] { return !h->connected(); }));
+  feeds::createIntf(tree_, id("Ethernet1")).status->operStatus.set(1);
+  EXPECT_TRUE(until(*loop, [&] { return agent.up["Ethernet1"]; }));
+  EXPECT_TRUE(h->connected());
 }
 
 // --- what a host may do wrong -------------------------------------------------------------------

@@ -66,15 +66,18 @@ class RYX_API agent_mgr : public base_mgr<agent_handler> {
 
   /// The option's value, empty when it is not set.
   virtual std::string agent_option(const std::string& name) const = 0;
+  /// The names of the options that are set.
   virtual agent_option_iter_t agent_option_iter() const = 0;
 
   /// What the agent published under the key, empty when it published nothing.
   virtual std::string status(const std::string& key) const = 0;
+  /// The keys under which the agent published something.
   virtual agent_status_iter_t status_iter() const = 0;
 
   /// Publishes the value. Raises an invalid_range_error for a key of more than 1024 bytes or a
   /// value of more than 10240.
   virtual void status_set(const std::string& key, const std::string& value) = 0;
+  /// Takes it back. Nothing happens when there is none.
   virtual void status_del(const std::string& key) = 0;
 
   /// With true: the agent has cleaned up after it was disabled. Its status says that it no longer

@@ -6,16 +6,14 @@
 // those of every event before those of the key, and no handler twice. Callbacks may register,
 // unregister, construct and destroy handlers and cause further events:
 //
-// - a handler that was removed, or destroyed, is not called any more, also not by dispatches that
-// run;
+// - a handler that was removed, or destroyed, is not called any more, not even by a dispatch that
+//   runs;
 // - a handler that was added is called by a running dispatch only if its address comes later;
 // - a removed handler's entry stays until an outermost dispatch passes it, and until then adding
-// the
-//   handler again has no effect;
+//   the handler again has no effect;
 // - a handler that is constructed where a destroyed one was starts with no entry;
 // - an exception leaves the dispatch: the later handlers miss this one event, and all else is as
-// after
-//   any dispatch.
+//   after any dispatch.
 //
 // None of this is for several threads at once: see base_handler.h.
 #ifndef RYX_BASE_MGR_H

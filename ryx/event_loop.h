@@ -28,6 +28,8 @@ class RYX_API event_loop_handler {
   /// A handler that is the external loop stops to be it.
   virtual ~event_loop_handler();
 
+  /// Whether on_readable(fd) is to be called when `fd` is readable. The other two likewise; an
+  /// exception is POLLPRI of poll(2).
   virtual void watch_readable(int fd, bool interest) = 0;
   virtual void watch_writable(int fd, bool interest) = 0;
   virtual void watch_exception(int fd, bool interest) = 0;

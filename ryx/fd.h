@@ -26,7 +26,9 @@ class RYX_API fd_handler {
   fd_handler& operator=(const fd_handler&) = delete;
   virtual ~fd_handler();
 
+  /// The descriptor can be read without blocking, or is at its end.
   virtual void on_readable(int fd);
+  /// The descriptor can be written without blocking.
   virtual void on_writable(int fd);
   /// Out-of-band data, or another exceptional condition: POLLPRI of poll(2).
   virtual void on_exception(int fd);

@@ -1,4 +1,4 @@
-// Everything of the SDK.
+// Everything of the SDK that an agent uses. What its tests use as well is in ryx/testing.h.
 #ifndef RYX_RYX_H
 #define RYX_RYX_H
 

@@ -124,7 +124,7 @@ class RYX_API sdk {
 
   // init_X() creates the manager X unless it is there; get_X() gives it, and creates it first by
   // init_X() if it has to. Both raise an unsupported_error, "X is not supported", for a manager
-  // that this version does not have.
+  // that this version does not have. The mode of the FIB's manager counts when it is created.
 
   virtual void init_acl_mgr();
   virtual void init_agent_mgr();
@@ -160,7 +160,6 @@ class RYX_API sdk {
   virtual void init_timeout_mgr();
   virtual void init_vrf_mgr();
 
-  /// For both: the mode counts when the manager is created.
   virtual acl_mgr* get_acl_mgr();
   virtual agent_mgr* get_agent_mgr();
   virtual aresolve_mgr* get_aresolve_mgr();

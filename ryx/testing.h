@@ -30,15 +30,16 @@
 namespace ryx {
 namespace testing {
 
-/// The switch, the clock and the loop of one test. For one thread, which is the loop's; one at a
-/// time in a process. It has to outlive the contexts of its agents.
+/// The switch, the clock and the loop of one test. For one thread, which is the loop's. It has to
+/// outlive the contexts of its agents: a process that breaks this is aborted.
 ///
 /// While it exists, `ryx::now()` and all timers are those of its clock, which stands still but in
 /// run_for() and run_until(), where it moves as far as they say, without waiting.
 class RYX_API simulated_switch {
  public:
   /// Raises a configuration_error when the module of the simulated switch is not found beside the
-  /// library (RYX_FEED_DIR names another folder).
+  /// library (RYX_FEED_DIR names another folder), and a legacy_exception while there is another
+  /// one: a process has one at a time.
   simulated_switch();
   simulated_switch(const simulated_switch&) = delete;
   simulated_switch& operator=(const simulated_switch&) = delete;
@@ -54,17 +55,25 @@ class RYX_API simulated_switch {
   /// says what was expected: the lines before it are done, none behind it.
   void command(const std::string& lines);
 
+  // The three of them end early when an agent leaves by `agent_mgr::exit()`. An agent that always
+  // has something to do, such as a timer that it arms for the present time when it fires, does not
+  // keep them from ending. SIGTERM and SIGINT end the process, as anywhere under the SDK. They
+  // raise a legacy_exception for a duration that is negative or not finite, and let through what a
+  // callback throws.
+
   /// Runs the loop until nothing is left to do. No time passes.
   void run();
 
-  /// Lets so many seconds pass; every timer that is due in them fires at its time.
+  /// Lets so many seconds pass; every timer that is due in them fires at its time. Ends when
+  /// nothing is left to do.
   void run_for(double seconds);
 
-  /// Lets time pass until `condition` holds: true at once when it does, false when it does not
-  /// after so many seconds.
+  /// Lets time pass, from one timer to the next, until `condition` holds: true at once when it
+  /// does, false when it does not after so many seconds.
   [[nodiscard]] bool run_until(const std::function<bool()>& condition, double seconds = 60);
 
   // --- the operator ---
+  // An agent is named as its context is: all of the name, also where it has a dash.
 
   /// Enables or disables an agent in the switch's configuration. An agent that is not configured
   /// counts as disabled.
@@ -79,6 +88,10 @@ class RYX_API simulated_switch {
 
   /// What the agent published with `agent_mgr::status_set`; empty when there is no such key.
   std::string agent_status(const std::string& agent, const std::string& key) const;
+
+  /// Whether the agent says that it runs: from the moment when it is initialized, if it is enabled
+  /// then, until it leaves (`agent_mgr::exit()`, `agent_mgr::agent_shutdown_complete_is(true)`).
+  bool agent_running(const std::string& agent) const;
 
   /// The state at a path of Statehub, with all below it, as JSON: {"@type": ..., "@key": ..., and
   /// the attributes and collections by name}. Empty when nothing stands there.

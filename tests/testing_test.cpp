@@ -2,14 +2,17 @@
 #include "ryx/testing.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "ryx/agent.h"
 #include "ryx/event_loop.h"
+#include "ryx/fd.h"
 #include "ryx/intf.h"
 #include "ryx/panic.h"
 #include "ryx/timer.h"
@@ -107,6 +110,107 @@ TEST(SimulatedSwitch, LetsTimePassAsTold) {
   EXPECT_FALSE(sw.run_until([] { return false; }, 7));
   EXPECT_EQ(start + 3648, now());
   EXPECT_TRUE(sw.run_until([] { return true; }, 0));
+}
+
+// What comes of a timer is done when run_for() returns, however long the chain: the agent disables
+// the port, the switch obeys, the agent hears of it, arms a timer for the present time, which
+// writes to a pipe, whose reader writes to another one.
+TEST(SimulatedSwitch, EndsWhenNothingIsLeftToDo) {
+  simulated_switch sw;
+  sw.command("interface-add Ethernet1\noper-status Ethernet1 1");
+  agent_sdk context(sw);
+  struct Chain : Watcher, fd_handler {
+    explicit Chain(sdk& made) : Watcher(made) {
+      for (int* pipe : {first, second}) {
+        EXPECT_EQ(0, ::pipe(pipe));
+        watch_readable(pipe[0], true);
+      }
+    }
+    ~Chain() override {
+      for (const int fd : {first[0], first[1], second[0], second[1]}) ::close(fd);
+    }
+    void on_timeout() override {
+      if (!intfs->admin_enabled(port)) return put(first[1]);
+      intfs->admin_enabled_is(port, false);
+    }
+    void on_oper_status(intf_id_t intf, oper_status_t status) override {
+      Watcher::on_oper_status(intf, status);
+      if (status == INTF_OPER_DOWN) timeout_time_is(now());
+    }
+    void on_readable(int fd) override {
+      char byte;
+      EXPECT_EQ(1, ::read(fd, &byte, 1));
+      told.push_back(fd == first[0] ? "first" : "second");
+      if (fd == first[0]) put(second[1]);
+    }
+    void put(int fd) { EXPECT_EQ(1, ::write(fd, "x", 1)); }
+    const intf_id_t port{"Ethernet1"};
+    int first[2], second[2];
+  } agent(context);
+  context.start();
+  agent.take();
+  agent.timeout_time_is(now() + 5.1);
+  sw.run_for(5.1);
+  EXPECT_EQ((Strings{"Ethernet1 down", "first", "second"}), agent.take());
+}
+
+TEST(SimulatedSwitch, IsNotHeldUpByAnAgentThatIsNeverDone) {
+  simulated_switch sw;
+  agent_sdk context(sw);
+  struct Busy : timeout_handler {
+    using timeout_handler::timeout_handler;
+    void on_timeout() override { timeout_time_is(now()); }
+  } busy(context.get_timeout_mgr());
+  context.start();
+  busy.timeout_time_is(now());
+  sw.run();
+  const double start = now();
+  EXPECT_FALSE(sw.run_until([] { return false; }, 5));
+  EXPECT_EQ(start + 5, now());
+}
+
+// An operator disables an agent, which cleans up and leaves; another one goes on.
+TEST(SimulatedSwitch, SeesAgentsLeave) {
+  simulated_switch sw;
+  sw.command("interface-add Ethernet1");
+  sw.agent_enabled_is("the-leaver", true);
+  agent_sdk leaving(sw, "the-leaver"), staying(sw, "stayer");
+  struct Leaver : Watcher {
+    using Watcher::Watcher;
+    void on_agent_enabled(bool enabled) override {
+      if (!enabled) agent->agent_shutdown_complete_is(true);
+    }
+  } leaver(leaving);
+  Watcher stayer(staying);
+  leaving.start();
+  staying.start();
+  EXPECT_TRUE(sw.agent_running("the-leaver"));
+  EXPECT_FALSE(sw.agent_running("stayer")) << "it was never enabled";
+  leaver.agent->status_set("a", "b");
+  EXPECT_EQ("b", sw.agent_status("the-leaver", "a"));
+  stayer.take();
+
+  sw.agent_enabled_is("the-leaver", false);
+  sw.command("oper-status Ethernet1 1");
+  EXPECT_FALSE(sw.run_until([] { return false; }));
+  EXPECT_FALSE(sw.agent_running("the-leaver"));
+  sw.run();
+  EXPECT_EQ(Strings{"Ethernet1 up"}, stayer.take());
+}
+
+TEST(SimulatedSwitch, IsOneAtATimeAndOutlivesItsAgents) {
+  {
+    simulated_switch sw;
+    EXPECT_THROW(simulated_switch(), error);
+    EXPECT_THROW((void)sw.run_until([] { return true; }, -1), error);
+  }
+  EXPECT_DEATH(
+      {
+        auto sw = std::make_unique<simulated_switch>();
+        agent_sdk context(*sw);
+        sw.reset();
+      },
+      "outlives");
 }
 
 TEST(SimulatedSwitch, SaysWhatIsWrongWithALine) {

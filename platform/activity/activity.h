@@ -91,6 +91,9 @@ class RYX_PRIVATE Activity {
   double executionTime() const { return executionTime_; }
   void executionTimeIs(double seconds);
 
+  // How often runs were told to end by executionTimeIs(0).
+  uint64_t stops() const { return stops_; }
+
   // Whether a run ends as soon as there is nothing to do.
   bool stopOnQuiesce() const { return stopOnQuiesce_; }
   void stopOnQuiesceIs(bool stop) { stopOnQuiesce_ = stop; }
@@ -187,7 +190,7 @@ class RYX_PRIVATE Activity {
   bool stopOnQuiesce_ = false;
   bool useEpoll_ = false;
   int zeroRunTurns_ = kZeroRunTurns;
-  uint64_t stops_ = 0;  // how often all runs were told to end
+  uint64_t stops_ = 0;
 
   int runs_ = 0;                      // run() calls in progress
   int awake_ = 0;                     // those that will look at the queue before they wait

@@ -16,42 +16,33 @@
 // included: an entry may be seen or missed, never invalid.
 #pragma once
 
+#include "lib/key_table.h"
 #include "platform/activity/task.h"
 #include "platform/activity/timer.h"
 #include "platform/base/clock.h"
-#include "platform/qel/collection.h"
 
 namespace ryx {
 
 template <class K, class T>
-struct DirtyEntry : platform::EntityType<DirtyEntry<K, T>> {
-  static const char* typeName() {
-    static const std::string name = std::string("dirty ") + T::kTypeName;
-    return name.c_str();
-  }
-  platform::KeyOf<DirtyEntry, K> key;
-  platform::Ref<T> copy;  // null: the key is to be deleted
-};
-
-template <class K, class T>
 class DirtyTable : protected platform::Task, private platform::Timer {
  public:
-  using Entry = DirtyEntry<K, T>;
-  using Iterator = platform::TypedIterator<Entry>;
+  // A key and its working copy (`value`), which is null where the key is to be deleted.
+  using Entry = typename KeyTable<K, platform::Ref<T>>::Entry;
+  using Iterator = typename KeyTable<K, platform::Ref<T>>::Iterator;
 
-  bool isDirty(const K& key) const { return find(key) != nullptr; }
+  bool isDirty(const K& key) const { return entries_.contains(key); }
   // Null when there is none: the key is not dirty, or is to be deleted.
   T* copy(const K& key) const {
-    const Entry* entry = find(key);
-    return entry ? entry->copy.get() : nullptr;
+    const Entry* entry = entries_.find(key);
+    return entry ? entry->value.get() : nullptr;
   }
   // The key is dirty, and this is what it is to become: a working copy, or, when null, nothing.
   void set(const K& key, platform::Ref<T> copy) {
-    entries_->entry.create(key)->copy = std::move(copy);
+    entries_[key] = std::move(copy);
     wake();
   }
-  size_t size() const { return entries_->entry.size(); }
-  Iterator iterator() const { return entries_->entry.iterator(); }
+  size_t size() const { return entries_.size(); }
+  Iterator iterator() const { return entries_.iterator(); }
 
  protected:
   explicit DirtyTable(const char* name) : Task(name), Timer(name) {}
@@ -73,8 +64,8 @@ class DirtyTable : protected platform::Task, private platform::Timer {
         return false;
       }
       const platform::Ref<Entry> entry(&*first);
-      entries_->entry.remove(*entry);
-      commit(entry->key(), entry->copy.get());
+      entries_.erase(*entry);
+      commit(entry->key(), entry->value.get());
       if (slice.spent()) return true;
     }
     return false;
@@ -83,19 +74,9 @@ class DirtyTable : protected platform::Task, private platform::Timer {
  private:
   static constexpr double kRetrySeconds = 0.001;
 
-  // Stands in no tree: nobody follows it.
-  struct Entries : platform::EntityType<Entries> {
-    static const char* typeName() {
-      static const std::string name = std::string("all dirty ") + T::kTypeName;
-      return name.c_str();
-    }
-    platform::CollectionOf<Entries, "entry", Entry, platform::kLocal> entry;
-  };
-
-  Entry* find(const K& key) const { return entries_->entry.find(key); }
   void onTimer() override { wake(); }
 
-  const platform::Ref<Entries> entries_ = platform::make<Entries>();
+  KeyTable<K, platform::Ref<T>> entries_;
 };
 
 }  // namespace ryx

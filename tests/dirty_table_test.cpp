@@ -93,21 +93,44 @@ TEST(DirtyTable, WaitsWhileTheConnectionIsClogged) {
   EXPECT_EQ("1=3 2=2 ", routes.take());
 }
 
+TEST(KeyTable, KeepsByKeyAndOutlivesItsClearing) {
+  KeyTable<RouteKey, std::vector<int>> kept;
+  EXPECT_TRUE(kept.empty());
+  kept[key(1)].push_back(1);
+  kept[key(1)].push_back(2);
+  kept[key(2)] = {};
+  EXPECT_EQ(2u, kept.size());
+  EXPECT_EQ((std::vector<int>{1, 2}), kept.find(key(1))->value);
+  EXPECT_FALSE(kept.contains(key(3)));
+  EXPECT_TRUE(kept.erase(key(2)));
+  EXPECT_FALSE(kept.erase(key(2)));
+  auto it = kept.iterator();
+  kept.clear();
+  EXPECT_TRUE(kept.empty());
+  EXPECT_FALSE(it) << "it is at the end";
+  it.next();
+  // Another type of entry, of the same key, is another type.
+  KeyTable<RouteKey, std::string> others;
+  others[key(1)] = "text";
+  kept[key(1)] = {3};
+  EXPECT_EQ("text", others.find(key(1))->value);
+}
+
 TEST(DirtyTable, IteratorsOutliveCommits) {
   Routes routes;
   for (uint8_t n = 1; n < 100; ++n) routes.tag(n, n);
   auto it = routes.iterator();
   it.next();
-  EXPECT_EQ(2u, it->copy->tag());
+  EXPECT_EQ(2u, it->value->tag());
   auto copy = it;
   activity().run(0);
-  EXPECT_EQ(2u, it->copy->tag()) << "where it stands, though the entry is gone";
+  EXPECT_EQ(2u, it->value->tag()) << "where it stands, though the entry is gone";
   it.next();
   EXPECT_FALSE(it);
   routes.tag(7, 7);
   copy.next();
   ASSERT_TRUE(copy);
-  EXPECT_EQ(7u, copy->copy->tag());
+  EXPECT_EQ(7u, copy->value->tag());
 }
 
 }  // namespace

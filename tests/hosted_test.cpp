@@ -416,7 +416,7 @@ void localGuests(const std::string& scenario) {
   Guest guest(*h);
   Agent agent(guest);
   guest.initialize_context();
-  guest.get_event_loop()->wait_for_initialized();
+  until(*guest.get_event_loop(), [&] { return !agent.up.empty(); });
   std::fprintf(stderr, "%zu interface\n", agent.up.size());
   host::local("second", "sim:" + scenario);
   std::fprintf(stderr, "%s\n", raised([] { host::local("third", "linux"); }).c_str());

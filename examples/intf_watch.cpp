@@ -6,15 +6,30 @@
 
 #include <iostream>
 
+const char usage[] =
+    "usage: intf_watch [INTF ...]\n"
+    "Tells what happens to the interfaces, or to those that are named, for example Ethernet1.\n"
+    "Commands on standard input, one a line: up INTF, down INTF, describe INTF TEXT, show "
+    "[INTF].\n";
+
+// The arguments that sdk::main_loop takes for itself.
+bool of_the_sdk(const std::string& word) {
+  for (const char* start :
+       {"--daemonize", "--sysname=", "--statehubport=", "--statehubsockname=", "--pyserver"})
+    if (word.rfind(start, 0) == 0) return true;
+  return false;
+}
+
 int main(int argc, char** argv) {
   std::set<ryx::intf_id_t> intfs;
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
-    if (word.rfind("--", 0) == 0) continue;  // the SDK's own arguments
+    if (word == "--help") return std::cout << usage, 0;
+    if (of_the_sdk(word)) continue;
     try {
       intfs.insert(ryx::intf_id_t(word));
     } catch (const ryx::error& e) {
-      std::cerr << "intf_watch: " << e.what() << "\nusage: intf_watch [INTF ...]\n";
+      std::cerr << "intf_watch: " << e.what() << "\n" << usage;
       return 2;
     }
   }

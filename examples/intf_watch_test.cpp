@@ -55,6 +55,13 @@ TEST_F(IntfWatch, ListsThenTellsWhatHappens) {
   EXPECT_EQ("Ethernet3 was added (eth3)\nEthernet3 is INTF_OPER_DOWN\n", said());
   EXPECT_EQ("3", sw_.agent_status("watch", "interfaces"));
   EXPECT_EQ("0", sw_.agent_status("watch", "up"));
+  sw_.command("oper-status Ethernet3 1\noper-status Ethernet2 1");
+  said();
+  EXPECT_EQ("2", sw_.agent_status("watch", "up"));
+  sw_.command("interface-del Ethernet3");
+  EXPECT_EQ("Ethernet3 was removed\n", said());
+  EXPECT_EQ("2", sw_.agent_status("watch", "interfaces"));
+  EXPECT_EQ("1", sw_.agent_status("watch", "up"));
 }
 
 TEST_F(IntfWatch, Obeys) {

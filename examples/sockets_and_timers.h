@@ -22,8 +22,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <sstream>
 #include <string>
@@ -78,7 +79,12 @@ class intf_server : public ryx::agent_handler, public ryx::fd_handler, public ry
 
   void listen_at(const std::string& port) {
     stop_listening();
-    const long number = std::strtol(port.c_str(), nullptr, 10);
+    char* end = nullptr;
+    const long number = std::strtol(port.c_str(), &end, 10);
+    if (*end != '\0' || number < 0 || number > 65535) {
+      agent_->status_set("port", "'" + port + "' is no port: expected 0 to 65535");
+      return;
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -87,11 +93,10 @@ class intf_server : public ryx::agent_handler, public ryx::fd_handler, public ry
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (number < 0 || number > 65535 ||
-        bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(fd, 16) != 0 ||
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(fd, 16) != 0 ||
         getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+      agent_->status_set("port", "cannot listen at " + port + ": " + std::strerror(errno));
       close(fd);
-      agent_->status_set("port", "cannot listen at '" + port + "'");
       return;
     }
     listener_ = fd;
@@ -119,6 +124,7 @@ class intf_server : public ryx::agent_handler, public ryx::fd_handler, public ry
     client& from = clients_[fd];
     char bytes[4096];
     const ssize_t n = recv(fd, bytes, sizeof bytes, 0);
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (n <= 0) return drop(fd);
     from.heard = ryx::now();
     from.in.append(bytes, static_cast<size_t>(n));

@@ -79,9 +79,12 @@ TEST_F(IntfServer, SendsTheSilentAway) {
 
 TEST_F(IntfServer, ListensWhereItIsTold) {
   const std::string before = sw_.agent_status("server", "port");
-  sw_.agent_option_set("server", "port", "70000");
-  sw_.run();
-  EXPECT_EQ("cannot listen at '70000'", sw_.agent_status("server", "port"));
+  for (const std::string wrong : {"70000", "-1", "http", "80x"}) {
+    sw_.agent_option_set("server", "port", wrong);
+    sw_.run();
+    EXPECT_EQ("'" + wrong + "' is no port: expected 0 to 65535",
+              sw_.agent_status("server", "port"));
+  }
   sw_.agent_option_set("server", "port", before);
   sw_.run();
   EXPECT_EQ(before, sw_.agent_status("server", "port"));

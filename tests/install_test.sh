@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # What is installed is enough for an agent, and shows nothing else: the public headers, the library,
 # its feeds, and what find_package(Ryx) and pkg-config read. The tree may be moved. The guide to a first
-# agent is followed word by word, with each compiler that is there.
+# agent (by CMake) and the README's agent (by pkg-config) are followed word by word, with each compiler
+# that is there.
 set -euo pipefail
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
@@ -27,11 +28,16 @@ for header in $headers; do
   fi
 done
 
-if grep -rnF "$prefix" . --include='*.cmake' --include='*.pc'; then fail "the place of installation is written down"; fi
+sanitize=${RYX_SANITIZE:+-fsanitize=$RYX_SANITIZE}
+if grep -rlF "$prefix" .; then fail "the place of installation is written down"; fi
+# Where sources and build are is in a sanitized build's debug information.
+if [ -z "$sanitize" ] && grep -rlF -e "$RYX_SOURCE_DIR" -e "$RYX_BINARY_DIR" .; then
+  fail "the place of the build is written down"
+fi
 mv "$prefix" "$dir/moved"
 prefix=$dir/moved
 libdir=$(dirname "$(find "$prefix" -name 'libryx.so')")
-sanitize=${RYX_SANITIZE:+-fsanitize=$RYX_SANITIZE}
+export PKG_CONFIG_PATH=$libdir/pkgconfig
 
 # Every header, in an agent's own project, which has the installed files alone.
 mkdir "$dir/headers"
@@ -54,12 +60,31 @@ END
 build/agent || fail "an agent does not start"
 readelf -dW build/agent | grep 'NEEDED.*libryx\.so\.1\]' >/dev/null || fail "the agent does not link libryx.so.1"
 
-# The guide's files, as they stand in it.
-mkdir "$dir/guide"
+# The files that a document shows, as they stand in it.
+take_files() {
+  awk '/^```[a-z]+ file=/ { sub(/.*file=/, ""); file = $0; next } /^```/ { file = "" } file { print > file }' \
+    "$RYX_SOURCE_DIR/$1"
+  if grep -nE '^```(cpp|cmake)$' "$RYX_SOURCE_DIR/$1"; then fail "$1 shows code that is not tried"; fi
+}
+mkdir "$dir/guide" "$dir/readme"
 cd "$dir/guide"
-awk '/^```[a-z]+ file=/ { sub(/.*file=/, ""); file = $0; next } /^```/ { file = "" } file { print > file }' \
-  "$RYX_SOURCE_DIR/docs/first-agent.md"
+take_files docs/first-agent.md
 for file in flapwatch.h main.cpp flapwatch_test.cpp; do [ -s $file ] || fail "the guide has lost $file"; done
+cd "$dir/readme"
+take_files README.md
+for file in watcher.cpp scenario; do [ -s $file ] || fail "the README has lost $file"; done
+mkfifo heard
+
+# Builds what stands in this folder with pkg-config's flags. Its headers are no system headers then:
+# their warnings show, too.
+build_by_pkg_config() {
+  local flags
+  flags=$(pkg-config --cflags --libs ryx) || fail "pkg-config does not know ryx"
+  # shellcheck disable=SC2086
+  "$1" -std=c++17 -Wall -Wextra -Wpedantic -Werror $sanitize "$2" $flags "-Wl,-rpath,$libdir" -o agent \
+    >"$dir/log" 2>&1 || fail "by pkg-config, with $1: $(cat "$dir/log")"
+}
+
 # A sanitizer's runtime is of one compiler.
 compilers=$RYX_CXX
 if [ -z "$sanitize" ]; then
@@ -69,24 +94,27 @@ if [ -z "$sanitize" ]; then
   done
 fi
 for compiler in $compilers; do
+  cd "$dir/guide"
   {
     cmake -G Ninja -B "build-${compiler##*/}" "-DCMAKE_PREFIX_PATH=$prefix" "-DCMAKE_CXX_COMPILER=$compiler" \
       "-DCMAKE_CXX_FLAGS=$sanitize -Wall -Wextra -Wpedantic -Werror" &&
       cmake --build "build-${compiler##*/}" && ctest --test-dir "build-${compiler##*/}" --output-on-failure
   } >"$dir/log" 2>&1 || fail "the guide's agent, with $compiler: $(cat "$dir/log")"
-done
 
-# By pkg-config, and at work on a simulated switch until SIGTERM ends it.
-# shellcheck disable=SC2046
-$RYX_CXX -std=c++17 $sanitize main.cpp $(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs ryx) \
-  "-Wl,-rpath,$libdir" -o flapwatch >"$dir/log" 2>&1 || fail "by pkg-config: $(cat "$dir/log")"
-mkfifo output
-echo 'interface-add Ethernet1 eth1' >scenario
-STATEHUBLOCAL=sim:scenario RYX_TRACE='RyxSdkIntf/0-9' ./flapwatch >/dev/null 2>output &
-agent=$!
-exec 3<output
-while IFS= read -ru 3 line; do [[ $line != *Ethernet1* ]] || break; done
-kill "$agent" 2>/dev/null || true
-status=0
-wait "$agent" || status=$?
-[ "$status" = 143 ] || fail "the agent ended with status $status"
+  cd "$dir/headers"
+  build_by_pkg_config "$compiler" agent.cpp
+  # The README's agent works on its scenario until SIGTERM ends it.
+  cd "$dir/readme"
+  build_by_pkg_config "$compiler" watcher.cpp
+  STATEHUBLOCAL=sim:scenario ./agent >heard &
+  agent=$!
+  exec 3<heard
+  line=
+  while [ "$line" != "Ethernet1 is INTF_OPER_UP" ]; do
+    IFS= read -ru 3 line || fail "the README's agent, with $compiler, ended before it said what it should"
+  done
+  kill "$agent"
+  status=0
+  wait "$agent" || status=$?
+  [ "$status" = 143 ] || fail "the README's agent, with $compiler, ended with status $status"
+done

@@ -133,7 +133,9 @@ TEST_F(SignalTest, BeforeTheLoop) {
   for (const Life& life : {intoMainLoop, intoRun}) {
     EXPECT_EQ(143, statusOf(life, {SIGTERM}));
     EXPECT_EQ(130, statusOf(life, {SIGINT}));
-    EXPECT_EQ(130, statusOf(life, {SIGTERM, SIGINT})) << "the last one counts";
+    // Of two that are pending POSIX does not say which is delivered last.
+    const int either = statusOf(life, {SIGTERM, SIGINT});
+    EXPECT_TRUE(either == 130 || either == 143) << either;
   }
 }
 

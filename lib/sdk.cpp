@@ -128,7 +128,12 @@ void sdk_context::connectionIs(std::unique_ptr<platform::EntityManager> connecti
   const sdk_scoped_lock lock;
   own_ = std::move(connection);
   connection_ = own_.get();
-  reconnection_ = std::make_unique<platform::Reconnection>(*connection_, settings);
+  reconnection_ = std::make_unique<platform::Reconnection>(
+      *connection_, settings, [this](const std::string& why) {
+        std::fprintf(stderr, "The agent \"%s\" is turned away by its Statehub: %s.\n",
+                     connection_->agentName().c_str(), why.c_str());
+        std::exit(1);
+      });
 }
 
 void sdk_context::containerIs(std::unique_ptr<platform::AgentContainer> container) {

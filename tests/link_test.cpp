@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <random>
 
@@ -481,17 +482,249 @@ TEST_F(LinkTest, AReaderThatSleepsThroughMoreThanTheBoundEndsEqual) {
 }
 
 TEST_F(LinkTest, ASecondConnectionUnderOneNameIsRefused) {
-  Peer a = peer("a", {kLagStatus});
+  Peer a = peer("a", {kLagStatus, kAgentStatus});
   Peer second = peer("a", {kLagStatus});
   EXPECT_EQ(MountStatus::pending, second.status);
   EXPECT_FALSE(second.em->connected());
+  EXPECT_FALSE(second.em->welcomed());
+  EXPECT_EQ("another agent named 'a' is connected (process " + std::to_string(getpid()) + ")",
+            second.em->farewell());
   EXPECT_TRUE(a.em->connected());
   EXPECT_EQ(1u, hub->counters().refusedNames);
-  // A dead one's place is free at once.
+  // A dead one's place is free at once, and its last words are heard first: the next one comes
+  // before the hub has looked at either of the two connections.
+  int toHub = dup(a.em->connections()[0]);
+  Encoder last;
+  last.u8(static_cast<uint8_t>(Op::mount));
+  for (int n : {9, 0}) last.varint(static_cast<uint64_t>(n));
+  for (const char* text : {"daemon/agent/status", "Qel::Dir", "r"}) last.text(text);
+  last.u8(0);
+  const char length[] = {static_cast<char>(last.size()), 0, 0, 0};
+  ASSERT_EQ(4, write(toHub, length, 4));
+  ASSERT_LT(0, write(toHub, last.view().data(), last.size()));
+  a.em.reset();
+  close(toHub);
+  Peer third;
+  third.em = EntityManager::overSocket(socket(), "a");
+  third.mount({kLagStatus});
+  EXPECT_EQ(MountStatus::success, third.status);
+  EXPECT_EQ(1u, hub->counters().refusedNames);
+  EXPECT_EQ(1u, hub->sessions());
+}
+
+// Lets nobody in but agents with short names.
+class Short final : public Doorkeeper {
+ public:
+  std::string turnsAway(const Participant& who, const HubPeer& peer) override {
+    EXPECT_EQ(getuid(), peer.uid);
+    return who.role == Role::agent && who.name.size() < 3 ? "" : "too long a name";
+  }
+};
+
+TEST_F(LinkTest, WhoIsTurnedAwayIsToldWhy) {
+  Short keeper;
+  hub->doorkeeperIs(&keeper);
+  Peer longer = peer("abc", {kLagStatus}), service = peer("", {kLagStatus});
+  Peer dotted = peer("a.b", {kLagStatus}), good = peer("a", {kLagStatus});
+  EXPECT_EQ("too long a name", longer.em->farewell());
+  EXPECT_EQ("too long a name", service.em->farewell());
+  EXPECT_NE(std::string::npos, dotted.em->farewell().find("expected a name of 1 to 64 letters"));
+  EXPECT_EQ(MountStatus::success, good.status);
+  EXPECT_EQ(3u, hub->counters().refusedNames);
+  EXPECT_EQ(0u, hub->counters().broken);
+  // Whoever breaks the protocol is told so, too.
+  int fd = socket();
+  ASSERT_EQ(6, write(fd, "\2\0\0\0\x7f\x7f", 6));
+  settle();
+  char said[200] = "";
+  EXPECT_LT(0, read(fd, said, sizeof said));
+  EXPECT_NE(nullptr, std::strstr(said + 6, "it broke the protocol: an operation before hello"));
+  close(fd);
+  ASSERT_EQ(1u, hub->participants().size());
+  const HubParticipant a = hub->participants()[0];
+  EXPECT_EQ("a", a.name);
+  EXPECT_EQ(getpid(), a.peer.pid);
+  EXPECT_EQ(std::vector<std::string>{kLagStatus.path}, a.mounts);
+  EXPECT_LT(0u, a.bytesReceived);
+  hub->drop(a.number);
+  settle();
+  EXPECT_FALSE(good.em->connected());
+}
+
+TEST_F(LinkTest, WhatIsPastALimitIsRefusedToldAndCounted) {
+  hub->limitsAre({.entities = 4, .bytes = 20'000, .mounts = 2});
+  Peer a = peer("a", {kAgentStatus, kLagConfig, kLagStatus}), b = peer("b", {kAgentStatus});
+  EXPECT_EQ(MountStatus::refused, a.status);
+  EXPECT_EQ(1u, hub->counters().pastLimits);
+  auto* mine = a.em->find<Dir>("daemon/agent/status")->entry.create<GenericAgent::Status>("a");
+  for (int i = 0; i < 3; ++i) mine->data.set(std::to_string(i), "x");
+  settle();
+  mine->data.set("3", "x");
+  settle();
+  EXPECT_EQ(3u, mine->data.size()) << "the fifth entity went again";
+  EXPECT_EQ(2u, hub->counters().pastLimits);
+  time.advance(2);
+  mine->data.erase("0");
+  settle();
+  mine->data.set("3", "y");
+  settle();
+  EXPECT_EQ("y", mine->data.get("3")->bytes()) << "what went makes room";
+  // Bytes: a value grows past the bound, and is what it was again.
+  mine->data.set("1", std::string(9'000, 'v'));
+  mine->data.set("2", std::string(9'000, 'v'));
+  settle();
+  time.advance(2);
+  mine->data.set("3", std::string(9'000, 'v'));
+  settle();
+  time.advance(2);
+  mine->data.set("1", std::string(9'999, 'w'));
+  settle();
+  EXPECT_EQ(std::string(9'000, 'v'), mine->data.get("1")->bytes());
+  EXPECT_LT(2u, hub->counters().pastLimits);
+  // The others notice nothing.
+  b.em->find<Dir>("daemon/agent/status")
+      ->entry.create<GenericAgent::Status>("b")
+      ->running.set(true);
+  settle();
+  EXPECT_TRUE(tree.find<GenericAgent::Status>("daemon/agent/status/b")->running());
+  EXPECT_LT(0u, hub->participants()[0].pastLimits);
+  EXPECT_EQ(0u, hub->participants()[1].pastLimits);
+}
+
+struct SafeEntry : EntityType<SafeEntry> {
+  static constexpr const char* kTypeName = "LinkTest::SafeEntry";
+  Key<Name> key;
+  Attr<"shown", std::string> shown;
+  Attr<"pin", std::string, kSecret> pin;
+};
+struct Safe : JournalRootType<Safe> {
+  static constexpr const char* kTypeName = "LinkTest::Safe";
+  Key<Name> key;
+  Attr<"label", std::string> label;
+  Attr<"code", std::string, kSecret> code;
+  Collection<"entry", SafeEntry> entry;
+  Collection<"hidden", SafeEntry, kSecret> hidden;
+};
+
+TEST_F(LinkTest, SecretsGoToTheirOwnerAlone) {
+  typeOf<Safe>();
+  typeOf<SafeEntry>();
+  auto* safe = tree.make<Safe>("daemon/agent/status/a");
+  safe->label.set("box");
+  safe->code.set("1234");
+  safe->entry.create("x")->pin.set("5678");
+  safe->entry.find("x")->shown.set("front");
+  safe->hidden.create("y")->shown.set("9012");
+  Peer a = peer("a", {kAgentStatus}), b = peer("b", {kAgentStatus}),
+       service = peer("", {kAgentStatus});
+  const auto seen = [](Peer& p) {
+    auto* there = p.em->find<Safe>("daemon/agent/status/a");
+    if (!there || !there->entry.find("x")) return std::string("nothing");
+    auto* hidden = there->hidden.find("y");
+    return there->label() + there->code() + there->entry.find("x")->shown() +
+           there->entry.find("x")->pin() + (hidden ? hidden->shown() : "");
+  };
+  EXPECT_EQ("box1234front56789012", seen(a));
+  EXPECT_EQ("boxfront", seen(b));
+  EXPECT_EQ("boxfront", seen(service)) << "the model names no service for these";
+  // A change of a secret reaches its owner, and what the others have stays whole.
+  safe->code.set("0000");
+  safe->entry.find("x")->pin.set("1111");
+  safe->hidden.find("y")->shown.set("2222");
+  settle();
+  EXPECT_EQ("box0000front11112222", seen(a));
+  EXPECT_EQ("boxfront", seen(b));
+  // Nor does an answer to a write tell it.
+  service.em->find<Safe>("daemon/agent/status/a")->label.set("chest");
+  settle();
+  EXPECT_EQ("chest0000front11112222", seen(a));
+  EXPECT_EQ("chestfront", seen(service));
+  EXPECT_EQ("0000", safe->code());
+}
+
+TEST_F(LinkTest, OperatorsConfigureAndWriteNoStatus) {
+  Peer o;
+  o.em = EntityManager::overSocket(socket(), Participant(Role::operators, "root"));
+  o.mount({{"daemon/agent/config", "Qel::Dir", "w"},
+           kLagConfig,
+           {"interface/status/eth/lag", "", "w"}});
+  ASSERT_EQ(MountStatus::success, o.status) << "of whatever type";
+  o.em->find<Dir>("daemon/agent/config")
+      ->entry.create<GenericAgent::Config>("a")
+      ->enabled.set(true);
+  o.em->find<EthLagIntfStatusDir>("interface/status/eth/lag")->intf.create(lag(1));
+  settle();
+  EXPECT_TRUE(tree.find<GenericAgent::Config>("daemon/agent/config/a")->enabled());
+  EXPECT_EQ(0u, tree.find<EthLagIntfStatusDir>("interface/status/eth/lag")->intf.size());
+  EXPECT_EQ(0u, o.em->find<EthLagIntfStatusDir>("interface/status/eth/lag")->intf.size());
+  EXPECT_EQ(1u, hub->counters().refusedWrites);
+  // Nobody takes a well-known place away.
+  Peer service = peer("", {{"interface/config", "Qel::Dir", "w"}});
+  EntityOps::remove(*service.em->find("interface/config/eth/lag"));
+  settle();
+  EXPECT_TRUE(tree.find("interface/config/eth/lag"));
+  EXPECT_TRUE(service.em->find("interface/config/eth/lag"));
+}
+
+// A connection that dies while its first mount is under way: what is the agent's own is at the hub
+// alone, and is not taken for deleted.
+TEST_F(LinkTest, ALossInTheMiddleOfAMountLosesNothing) {
+  tree.make<Dir>("routing/vrf/input/default");
+  constexpr uint32_t kRoutes = 30'000;
+  auto* input = tree.make<Routing::RouteInput>("routing/vrf/input/default/RyxSdk-a");
+  for (uint32_t i = 0; i < kRoutes; ++i)
+    input->route.create({IpPrefix(IpAddr::v4(0x0a000000 + i), 32), 1});
+  const Sockets ends = sockets();
+  Peer a;
+  a.em = EntityManager::overSocket(ends.participant, "a");
+  a.group = a.em->mountGroup();
+  a.group->add(kInput.path, kInput.typeName, kInput.mode);
+  a.group->close([&](MountStatus s) { a.status = s; });
+  auto* mine = [&]() -> Routing::RouteInput* {
+    for (char buffer[4096];;) {  // some of it passes
+      activity().run(0);
+      ssize_t n = recv(ends.client, buffer, sizeof buffer, MSG_DONTWAIT);
+      EXPECT_TRUE(n <= 0 || n == send(ends.hub, buffer, static_cast<size_t>(n), 0));
+      activity().run(0);
+      n = recv(ends.hub, buffer, sizeof buffer, MSG_DONTWAIT);
+      EXPECT_TRUE(n <= 0 || n == send(ends.client, buffer, static_cast<size_t>(n), 0));
+      auto* there = a.em->find<Routing::RouteInput>("routing/vrf/input/default/RyxSdk-a");
+      if (there && there->route.size() > 1000) return there;
+    }
+  }();
+  EXPECT_LT(mine->route.size(), kRoutes);
+  EXPECT_EQ(MountStatus::pending, a.status);
+  close(ends.client);
+  close(ends.hub);
+  settle();
+  ASSERT_FALSE(a.em->connected());
+  a.em->reconnected(socket());
+  settle();
+  EXPECT_EQ(MountStatus::success, a.status);
+  EXPECT_EQ(kRoutes, input->route.size());
+  EXPECT_EQ(kRoutes, mine->route.size());
+  // From here on it is the agent that knows.
+  mine->route.erase({IpPrefix(IpAddr::v4(0x0a000000), 32), 1});
+  hub->dropAll();
+  settle();
+  mine->route.erase({IpPrefix(IpAddr::v4(0x0a000001), 32), 1});
+  a.em->reconnected(socket());
+  settle();
+  EXPECT_EQ(kRoutes - 2, input->route.size());
+  // And one that waited for its first hub finds what an earlier life left there.
   a.em.reset();
   settle();
-  Peer third = peer("a", {kLagStatus});
-  EXPECT_EQ(MountStatus::success, third.status);
+  Peer late;
+  late.em = EntityManager::overSocket(-1, "a");
+  late.mount({kInput});
+  EXPECT_EQ(MountStatus::pending, late.status);
+  EXPECT_FALSE(late.em->connected());
+  late.em->reconnected(socket());
+  settle();
+  EXPECT_EQ(MountStatus::success, late.status);
+  EXPECT_EQ(kRoutes - 2,
+            late.em->find<Routing::RouteInput>("routing/vrf/input/default/RyxSdk-a")->route.size());
+  EXPECT_EQ(kRoutes - 2, input->route.size());
 }
 
 TEST_F(LinkTest, AnyBytesLeaveTheHubAndTheOthersAsTheyWere) {
@@ -510,7 +743,9 @@ TEST_F(LinkTest, AnyBytesLeaveTheHubAndTheOthersAsTheyWere) {
       e.u8(static_cast<uint8_t>(Op::hello));
       e.varint(kWireMagic);
       e.varint(kWireVersion);
+      e.varint(static_cast<uint64_t>(Role::agent));
       e.text("evil");
+      e.varint(0);
       e.u8(static_cast<uint8_t>(Op::mount));
       e.varint(0);
       e.varint(1);

@@ -152,7 +152,8 @@ TEST_F(RyxdTest, AServerThatIsKilledCostsAPause) {
   watch.line("Ethernet2 was added (eth2)");
   watch.line("has its Statehub again");
   Program other(agent());
-  other.line("lost its Statehub");  // its name is taken
+  other.line("turned away by its Statehub: another agent named 'intf_watch' is connected (process");
+  EXPECT_EQ(1, other.end());
   watch.say("show\n");
   EXPECT_EQ("  Ethernet1: INTF_OPER_DOWN, enabled, 'meanwhile'", watch.line("  Ethernet1:"));
 }

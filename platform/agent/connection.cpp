@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "platform/base/check.h"
 #include "platform/base/clock.h"
@@ -28,17 +29,24 @@ std::string environment(const char* name) {
   return value ? value : "";
 }
 
-[[noreturn]] void noStatehub(std::string_view agentName, const std::string& why) {
+void noStatehub(std::string_view agentName, const std::string& why, bool isLate) {
   std::fprintf(stderr,
                "The agent \"%.*s\" finds no Statehub: %s.\n"
-               "To run it with a Statehub of its own, set STATEHUBLOCAL in its environment:\n"
+               "%sTo run it with a Statehub of its own, set STATEHUBLOCAL in its environment:\n"
                "  STATEHUBLOCAL=linux  fed by this machine's kernel\n"
                "  STATEHUBLOCAL=sim    fed by a simulated switch\n"
                "  STATEHUBLOCAL=1      fed by nothing\n"
                "To connect it to a Statehub server, start the server, and name its Unix socket by\n"
                "STATEHUBSOCKNAME or --statehubsockname=PATH where that is not the default.\n",
-               static_cast<int>(agentName.size()), agentName.data(), why.c_str());
-  std::exit(1);
+               static_cast<int>(agentName.size()), agentName.data(), why.c_str(),
+               isLate ? "It waits for the server to come.\n" : "");
+  if (!isLate) std::exit(1);
+}
+
+// The seconds of HEARTBEAT_PERIOD, 0 where there are none.
+double heartbeatPeriod() {
+  const double seconds = std::strtod(environment("HEARTBEAT_PERIOD").c_str(), nullptr);
+  return seconds >= 1 ? seconds : 0;
 }
 
 int openSocket(int family) {
@@ -47,7 +55,7 @@ int openSocket(int family) {
 
 // A connected socket, or -1 with `why` set.
 int connectTo(int fd, const sockaddr* address, socklen_t size, const std::string& name,
-              std::string* why) {
+              std::string* why, bool* isLate) {
   if (fd >= 0) {
     int result;
     do result = ::connect(fd, address, size);
@@ -55,11 +63,12 @@ int connectTo(int fd, const sockaddr* address, socklen_t size, const std::string
     if (result == 0) return fd;
   }
   *why = "no server at " + name + " (" + std::strerror(errno) + ")";
+  if (isLate) *isLate = errno == ENOENT || errno == ECONNREFUSED || errno == EAGAIN;
   if (fd >= 0) ::close(fd);
   return -1;
 }
 
-int connectToSocket(const std::string& path, std::string* why) {
+int connectToSocket(const std::string& path, std::string* why, bool* isLate) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) {
@@ -69,10 +78,10 @@ int connectToSocket(const std::string& path, std::string* why) {
   }
   path.copy(address.sun_path, path.size());
   return connectTo(openSocket(AF_UNIX), reinterpret_cast<const sockaddr*>(&address), sizeof address,
-                   "the socket " + path, why);
+                   "the socket " + path, why, isLate);
 }
 
-int connectToPort(const std::string& text, std::string* why) {
+int connectToPort(const std::string& text, std::string* why, bool* isLate) {
   uint16_t port = 0;
   const char* end = text.data() + text.size();
   auto [at, error] = std::from_chars(text.data(), end, port);
@@ -85,7 +94,7 @@ int connectToPort(const std::string& text, std::string* why) {
   address.sin_port = htons(port);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   return connectTo(openSocket(AF_INET), reinterpret_cast<const sockaddr*>(&address), sizeof address,
-                   "TCP port " + text, why);
+                   "TCP port " + text, why, isLate);
 }
 
 }  // namespace
@@ -102,15 +111,15 @@ std::string ConnectionSettings::defaultSocketName() const {
   return "/run/ryx/" + (systemName.empty() ? kDefaultSystem : systemName) + "/statehub";
 }
 
-int connectToServer(const ConnectionSettings& settings, std::string* why) {
+int connectToServer(const ConnectionSettings& settings, std::string* why, bool* isLate) {
   if (const int fd = settings.descriptor; fd >= 0) {
     if (::fcntl(fd, F_GETFD) != -1) return fd;
     *why = "the inherited descriptor " + std::to_string(fd) + " is not open";
     return -1;
   }
-  if (!settings.socketName.empty()) return connectToSocket(settings.socketName, why);
-  if (!settings.port.empty()) return connectToPort(settings.port, why);
-  return connectToSocket(settings.defaultSocketName(), why);
+  if (!settings.socketName.empty()) return connectToSocket(settings.socketName, why, isLate);
+  if (!settings.port.empty()) return connectToPort(settings.port, why, isLate);
+  return connectToSocket(settings.defaultSocketName(), why, isLate);
 }
 
 std::unique_ptr<EntityManager> connectToStatehub(const ConnectionSettings& settings,
@@ -121,24 +130,40 @@ std::unique_ptr<EntityManager> connectToStatehub(const ConnectionSettings& setti
     return em;
   }
   std::string why;
-  const int fd = connectToServer(settings, &why);
-  if (fd < 0) noStatehub(agentName, why);
-  return EntityManager::overSocket(fd, agentName);
+  bool isLate = false;
+  const int fd = connectToServer(settings, &why, &isLate);
+  if (fd < 0) noStatehub(agentName, why, isLate);
+  return EntityManager::overSocket(fd, agentName, heartbeatPeriod());
 }
 
-Reconnection::Reconnection(EntityManager& em, const ConnectionSettings& settings)
-    : Timer("StatehubReconnection"), em_(em), settings_(settings) {
-  if (settings_.descriptor < 0 && !localSelected()) em_.onLostIs([this] { lost(); });
+Reconnection::Reconnection(EntityManager& em, const ConnectionSettings& settings,
+                           TurnedAway turnedAway)
+    : Timer("StatehubReconnection"),
+      em_(em),
+      settings_(settings),
+      turnedAway_(std::move(turnedAway)) {
+  if (localSelected()) return;
+  settings_.descriptor = -1;
+  em_.onLostIs([this] { lost(); });
+  if (!em_.connected()) searchLater();
 }
 
 void Reconnection::lost() {
-  if (state_ == State::connected) {
+  const std::string why = em_.farewell();
+  const std::string& agent = em_.agentName();
+  if (!why.empty() && !em_.welcomed() && turnedAway_) return turnedAway_(why);
+  if (!why.empty() && why != told_)
+    std::fprintf(stderr, "The agent \"%s\" is turned away by its Statehub: %s.\n", agent.c_str(),
+                 why.c_str());
+  else if (state_ == State::connected)
     std::fprintf(stderr, "The agent \"%s\" has lost its Statehub, and waits for it.\n",
-                 em_.agentName().c_str());
-    wait_ = kFirstSeconds;
-  } else {
-    wait_ = std::min(2 * wait_, kLongestSeconds);
-  }
+                 agent.c_str());
+  told_ = why;
+  wait_ = state_ == State::connected ? kFirstSeconds : std::min(2 * wait_, kLongestSeconds);
+  searchLater();
+}
+
+void Reconnection::searchLater() {
   state_ = State::searching;
   armAt(clock().now() + wait_);
 }
@@ -146,7 +171,10 @@ void Reconnection::lost() {
 void Reconnection::search() {
   std::string why;
   const int fd = connectToServer(settings_, &why);
-  if (fd < 0) return lost();
+  if (fd < 0) {
+    wait_ = std::min(2 * wait_, kLongestSeconds);
+    return searchLater();
+  }
   state_ = State::onTrial;
   armAt(clock().now() + kLastsSeconds);
   em_.reconnected(fd);
@@ -156,6 +184,7 @@ void Reconnection::onTimer() {
   if (state_ == State::searching) return search();
   std::fprintf(stderr, "The agent \"%s\" has its Statehub again.\n", em_.agentName().c_str());
   state_ = State::connected;
+  told_.clear();
 }
 
 std::vector<std::string> passiveMountArguments() {

@@ -1,6 +1,7 @@
 // Where an agent finds its Statehub: inside the process, or at a server.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -26,39 +27,49 @@ struct RYX_PRIVATE ConnectionSettings {
 };
 
 // A connected socket to the server: the descriptor, else the socket, else the port, else the
-// default socket, the first of them that is given. -1, with `why` set, when there is none.
-RYX_PRIVATE int connectToServer(const ConnectionSettings& settings, std::string* why);
+// default socket, the first of them that is given. -1, with `why` set, when there is none; `isLate`
+// then says that a server may come to be there.
+RYX_PRIVATE int connectToServer(const ConnectionSettings& settings, std::string* why,
+                                bool* isLate = nullptr);
 
 // The connection, for the agent of that name: the Statehub of this process, with its feed, when
-// STATEHUBLOCAL is set; else to the server. When it cannot be had, says on standard error what to
-// do and exits with status 1.
+// STATEHUBLOCAL is set; else to the server. When there is none yet, says so and what else could be
+// done on standard error, and gives one that waits for it (Reconnection); when there cannot be one,
+// exits with status 1.
 RYX_PRIVATE std::unique_ptr<EntityManager> connectToStatehub(const ConnectionSettings& settings,
                                                              std::string_view agentName);
 
 // Brings a connection that died back to life: looks for the server again, soon at first and then
 // less often, until there is a connection that lasts. What the participant has stays readable
-// meanwhile, and what it writes waits. Nothing is done about the Statehub of this process, which
-// cannot die, and about a descriptor that was handed over, whose server starts its agents anew.
-// Loss and return are told on standard error, once each.
+// meanwhile, and what it writes waits. In the place of a descriptor that was handed over comes the
+// socket that the settings name beside it. Nothing is done about the Statehub of this process,
+// which cannot die. Loss and return are told on standard error, once each.
 class RYX_PRIVATE Reconnection final : private Timer {
  public:
   static constexpr double kFirstSeconds = 0.05;
   static constexpr double kLongestSeconds = 2;
   static constexpr double kLastsSeconds = 1;
 
-  // Of that connection, which outlives it.
-  Reconnection(EntityManager& em, const ConnectionSettings& settings);
+  using TurnedAway = std::function<void(const std::string& why)>;
+
+  // Of that connection, which outlives it; one that has no server yet gets its first one.
+  // `turnedAway` is called when a server does not let it in that never did; without it, it is told
+  // on standard error, and tried again.
+  Reconnection(EntityManager& em, const ConnectionSettings& settings, TurnedAway turnedAway = {});
 
  private:
   enum class State { connected, searching, onTrial };
 
   void lost();
+  void searchLater();
   void search();
   void onTimer() override;
 
   EntityManager& em_;
-  const ConnectionSettings settings_;
+  ConnectionSettings settings_;
+  const TurnedAway turnedAway_;
   State state_ = State::connected;
+  std::string told_;  // the last reason of a server that was told
   double wait_ = kFirstSeconds;
 };
 

@@ -5,30 +5,53 @@
 #include "platform/model/interface.h"
 #include "platform/model/lldp.h"
 #include "platform/model/routing.h"
+#include "platform/model/sim.h"
+#include "platform/model/statehub.h"
 
 namespace ryx::platform {
 
+namespace {
+
+// Configuration that agents, operators and the switch side share, and that outlives the hub.
+WellKnown config(std::string_view path, const TypeInfo& (*type)()) {
+  return {.path = path, .type = type, .access = Access::shared, .persists = true};
+}
+
+}  // namespace
+
 const std::vector<WellKnown>& wellKnown() {
   static const std::vector<WellKnown> places = {
-      {"daemon/agent/config", &typeOf<Dir>, Access::service},
+      {.path = "daemon/agent/config",
+       .type = &typeOf<Dir>,
+       .access = Access::operators,
+       .persists = true},
+      {.path = "daemon/agent/process",
+       .type = &typeOf<Dir>,
+       .access = Access::service,
+       .persists = true},
+      {"daemon/agent/purge", &typeOf<Dir>, Access::operators},
+      {"daemon/service/process", &typeOf<Dir>, Access::service},
+      {"daemon/service/status", &typeOf<Dir>, Access::service},
+      {"daemon/trace", &typeOf<Dir>, Access::operators},
+      {"statehub/client", &typeOf<Dir>, Access::service},
+      {"switch/sim/command", &typeOf<Dir>, Access::operators},
       {"daemon/agent/status", &typeOf<Dir>, Access::agentOwn},
-      {"interface/config/eth/phy/slice", &typeOf<Dir>, Access::shared},
+      config("interface/config/eth/phy/slice", &typeOf<Dir>),
       {"interface/status/eth/phy/slice", &typeOf<Dir>, Access::service},
-      {"interface/config/eth/lag", &typeOf<Interface::EthLagIntfConfigDir>, Access::shared},
+      config("interface/config/eth/lag", &typeOf<Interface::EthLagIntfConfigDir>),
       {"interface/status/eth/lag", &typeOf<Interface::EthLagIntfStatusDir>, Access::service},
       {"lag/status", &typeOf<Lag::Status>, Access::service},
-      {"interface/config/loopback/intf", &typeOf<Interface::LoopbackIntfConfigDir>, Access::shared},
+      config("interface/config/loopback/intf", &typeOf<Interface::LoopbackIntfConfigDir>),
       {"interface/status/loopback/intf", &typeOf<Interface::LoopbackIntfStatusDir>,
        Access::service},
-      {"interface/config/subintf", &typeOf<Interface::SubIntfConfigDir>, Access::shared},
+      config("interface/config/subintf", &typeOf<Interface::SubIntfConfigDir>),
       {"interface/status/subintf", &typeOf<Interface::SubIntfStatusDir>, Access::service},
-      {"interface/config/eth/managementactive", &typeOf<Interface::MgmtActiveIntfConfigDir>,
-       Access::shared},
+      config("interface/config/eth/managementactive", &typeOf<Interface::MgmtActiveIntfConfigDir>),
       {"interface/status/eth/managementactive", &typeOf<Interface::MgmtActiveIntfStatusDir>,
        Access::service},
-      {"interface/config/eth/vlan", &typeOf<Interface::VlanIntfConfigDir>, Access::shared},
+      config("interface/config/eth/vlan", &typeOf<Interface::VlanIntfConfigDir>),
       {"interface/status/eth/vlan", &typeOf<Interface::VlanIntfStatusDir>, Access::service},
-      {"interface/config/eth/vxlan", &typeOf<Vxlan::VtiConfigDir>, Access::shared},
+      config("interface/config/eth/vxlan", &typeOf<Vxlan::VtiConfigDir>),
       {"interface/status/eth/vxlan", &typeOf<Vxlan::VtiStatusDir>, Access::service},
       {"routing/vrf/input", &typeOf<Dir>, Access::agentOwn, 2, true},
       {"routing6/vrf/input", &typeOf<Dir>, Access::agentOwn, 2, true},
@@ -54,6 +77,12 @@ void registerModel() {
   for (const WellKnown& place : wellKnown()) place.type();
   typeOf<GenericAgent::Config>();
   typeOf<GenericAgent::Status>();
+  typeOf<GenericAgent::Process>();
+  typeOf<GenericAgent::Purge>();
+  typeOf<GenericAgent::Trace>();
+  typeOf<GenericAgent::Service>();
+  typeOf<Statehub::Client>();
+  typeOf<Sim::Command>();
   typeOf<Interface::EthPhyIntfConfigDir>();
   typeOf<Interface::EthPhyIntfStatusDir>();
   typeOf<Routing::RouteInput>();

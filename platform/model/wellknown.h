@@ -11,9 +11,11 @@
 namespace ryx::platform {
 
 enum class Access : uint8_t {
-  service,   // the switch side alone
-  shared,    // the switch side, agents, the operator
-  agentOwn,  // each agent what lies in the entity of its own name, the switch side everything
+  service,    // the switch side alone
+  operators,  // the switch side and operators
+  shared,     // the switch side, operators, agents
+  agentOwn,   // each agent what lies in the entity of its own name, the switch side and operators
+              // everything
 };
 
 struct WellKnown {
@@ -25,6 +27,10 @@ struct WellKnown {
   uint8_t ownDepth = 1;
   // Other agents receive the directory level alone and not this one's entity.
   bool isPrivate = false;
+  // What the model marks persistent in there outlives the hub.
+  bool persists = false;
+  // The service that receives what the model marks secret there, besides its owner.
+  std::string_view secretsTo = {};
 };
 
 RYX_PRIVATE const std::vector<WellKnown>& wellKnown();

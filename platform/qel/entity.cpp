@@ -100,7 +100,7 @@ const TypeInfo* const* TypeInfo::table = nullptr;
 TypeBuilder::TypeBuilder(const char* name, size_t size, const TypeInfo* base,
                          void (*construct)(void*), void (*destroy)(Entity*))
     : type_(new TypeInfo{
-          name, 0, size, base, construct, destroy, {}, {}, 0, nullptr, 0, false, Slab(size)}) {
+          name, 0, size, base, construct, destroy, {}, {}, 0, nullptr, 0, false, 0, 0, Slab(size)}) {
   check(size <= UINT16_MAX, "a type's members are within 64 KiB");
 }
 
@@ -118,6 +118,8 @@ void TypeBuilder::attribute(const char* name, const Kind& kind, const void* at, 
   nameIsNew(name);
   *meta = {offsetOf(at), index};
   type_->fields.push_back({name, &kind, offsetOf(at), index, marks});
+  if (marks & kSecret) type_->secretFields |= 1u << index;
+  if (marks & kPersistent) type_->persistentFields |= 1u << index;
 }
 
 void TypeBuilder::key(const Kind& kind, const void* at) {

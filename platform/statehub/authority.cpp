@@ -46,12 +46,14 @@ const WellKnown* placeOf(const Entity& entity, const Entity* parent, std::string
 
 }  // namespace
 
-Ownership ownership(std::string_view agentName, const Entity& entity, const Entity* parent) {
-  if (agentName.empty()) return Ownership::shared;
+Ownership ownership(const Participant& who, const Entity& entity, const Entity* parent) {
+  if (who.role == Role::service) return Ownership::shared;
   std::string_view name;
   const WellKnown* place = placeOf(entity, parent, &name);
   if (!place || place->access == Access::service) return Ownership::none;
-  if (place->access == Access::shared) return Ownership::shared;
+  if (place->access == Access::shared || who.role == Role::operators) return Ownership::shared;
+  if (place->access == Access::operators) return Ownership::none;
+  const std::string_view agentName = who.name;
   constexpr std::string_view kPrefix = "RyxSdk-";
   // The agent's configuration and status stand under the last part of a name with dashes.
   std::string_view lastPart = agentName.substr(agentName.rfind('-') + 1);
@@ -60,10 +62,9 @@ Ownership ownership(std::string_view agentName, const Entity& entity, const Enti
   return own ? Ownership::own : Ownership::none;
 }
 
-Writer::Admission judgeWrite(std::string_view agentName, const Entity& entity,
-                             const Entity* parent) {
+Writer::Admission judgeWrite(const Participant& who, const Entity& entity, const Entity* parent) {
   using A = Writer::Admission;
-  Ownership o = ownership(agentName, entity, parent);
+  Ownership o = ownership(who, entity, parent);
   if (o != Ownership::own) return o == Ownership::none ? A::refused : A::all;
   // In a journal that lies in its own entity everything is the agent's.
   std::string_view name;
@@ -74,9 +75,24 @@ Writer::Admission judgeWrite(std::string_view agentName, const Entity& entity,
   return inside ? A::all : A::thisOne;
 }
 
-Ownership OwnershipCache::of(std::string_view agentName, const Entity& entity, Entity* parent) {
+bool standsForGood(const Entity& entity) {
+  if (entity.type().journalOffset == 0) return false;
+  const std::string path = entity.path();
+  return std::any_of(wellKnown().begin(), wellKnown().end(), [&](const WellKnown& place) {
+    return ("/" + std::string(place.path) + "/").starts_with(path + "/");
+  });
+}
+
+bool maySeeSecrets(const Participant& who, const Entity& entity, const Entity* parent) {
+  std::string_view name;
+  const WellKnown* place = placeOf(entity, parent, &name);
+  if (who.role == Role::service) return place && place->secretsTo == who.name && !who.name.empty();
+  return ownership(who, entity, parent) == Ownership::own;
+}
+
+Ownership OwnershipCache::of(const Participant& who, const Entity& entity, Entity* parent) {
   if (parent && parent_.get() == parent) return answer_;
-  Ownership o = ownership(agentName, entity, parent);
+  Ownership o = ownership(who, entity, parent);
   if (parent && !parent->as<Dir>()) {  // below a directory the name decides, elsewhere the parent
     parent_ = Ref<Entity>(parent);
     answer_ = o;

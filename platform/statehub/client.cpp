@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/base/clock.h"
 #include "platform/model/wellknown.h"
 #include "platform/statehub/authority.h"
 #include "platform/trace/trace.h"
@@ -39,8 +40,9 @@ class Client::Group final : public MountGroup, private Task {
     for (bool immediate : {true, false})
       for (const MountRequest& m : requests())
         if ((m.mode.find('i') != std::string::npos) == immediate)
-          client_->mounts_.push_back(
-              {m, this, m.mode.find_first_of("wc") != std::string::npos, false, false, 0, {}});
+          client_->mounts_.push_back({.request = m,
+                                      .group = this,
+                                      .writable = m.mode.find_first_of("wc") != std::string::npos});
     client_->unsynced_ += requests().size();
     client_->sendMounts(client_->controls_);
     client_->wake();
@@ -73,9 +75,11 @@ class Client::Group final : public MountGroup, private Task {
   std::function<void(MountStatus)> done_;
 };
 
-Client::Client(int fd, std::string_view agentName)
-    : EntityManager(agentName), Applier(replica_), Task("StatehubClient") {
+Client::Client(int fd, const Participant& who, double heartbeat)
+    : EntityManager(who), Applier(replica_), Task("StatehubClient"), beats_(heartbeat) {
   registerModel();
+  if (beats_ > 0) heartbeat_.armAt(clock().now() + beats_);
+  if (fd < 0) return;
   connection_ = std::make_unique<Connection>(fd, static_cast<Connection::Peer&>(*this));
   hello();
 }
@@ -84,8 +88,9 @@ Client::~Client() {
   for (Group* g : groups_) g->clientGone();
 }
 
-std::unique_ptr<EntityManager> EntityManager::overSocket(int fd, std::string_view agentName) {
-  return std::make_unique<Client>(fd, agentName);
+std::unique_ptr<EntityManager> EntityManager::overSocket(int fd, const Participant& who,
+                                                         double heartbeat) {
+  return std::make_unique<Client>(fd, who, heartbeat);
 }
 
 std::unique_ptr<MountGroup> Client::mountGroup() {
@@ -105,7 +110,17 @@ void Client::hello() {
   controls_.u8(static_cast<uint8_t>(Op::hello));
   controls_.varint(kWireMagic);
   controls_.varint(kWireVersion);
-  controls_.text(agentName());
+  controls_.varint(static_cast<uint64_t>(who().role));
+  controls_.text(who().name);
+  controls_.varint(static_cast<uint64_t>(beats_ * 1000));
+  wake();
+}
+
+// What waits to be sent is a sign of life of its own.
+void Client::beat() {
+  heartbeat_.armAt(clock().now() + beats_);
+  if (!connected() || controls_.size() != 0) return;
+  controls_.u8(static_cast<uint8_t>(Op::heartbeat));
   wake();
 }
 
@@ -121,7 +136,7 @@ void Client::sendMounts(Encoder& out) {
     out.text(m.request.path);
     out.text(m.request.typeName);
     out.text(m.request.mode);
-    out.u8(resending_);
+    out.u8(resending_ && m.complete);
   }
 }
 
@@ -178,6 +193,11 @@ bool Client::control(Op op, Decoder& d) {
     case Op::ack:
       acknowledged_ = d.varint();
       return true;
+    case Op::farewell:
+      d.varint();
+      farewell_ = d.text();
+      RYX_TRACE(trace(), 0, "the hub ends the connection: " << farewell_);
+      return true;
     case Op::cut:
       replica_.clock().openGate();
       checkGroups();
@@ -207,12 +227,13 @@ bool Client::mounted(Decoder& d) {
   }
   uint64_t handle = d.varint();
   uint64_t generation = d.varint();
-  const TypeInfo* type = TypeInfo::named(m.request.typeName);
+  const TypeInfo* type = TypeInfo::named(d.text());
   Entity* root = type ? replica_.make(m.request.path, *type) : nullptr;
   if (!root) return broken("a mount of a type that is not known here");
   root->generationIs(generation);
   root->flags |= kUpstream;
   m.root = Ref<Entity>(root);
+  if (resending_ && !m.complete) fresh_.push_back(m.root);
   if (!numberIs(handle, root)) return false;
   if (m.writable) publish(*root, m.handle, true);
   return true;
@@ -222,6 +243,7 @@ void Client::ended(Mount& m, MountStatus status) {
   if (m.group) m.group->ended(status);
   m.group = nullptr;
   if (std::exchange(m.ended, true)) return;
+  m.complete |= status == MountStatus::success;
   if (--unsynced_ == 0) resync_ = false;
 }
 
@@ -241,7 +263,15 @@ bool Client::ownTop(Entity& e) {
 }
 
 bool Client::tracked(Entity& e) {
-  return !ownAlone(e) || (unsynced_ != 0 && !resync_) || ownTop(e);
+  return !ownAlone(e) || (unsynced_ != 0 && (!resync_ || fresh(e))) || ownTop(e);
+}
+
+bool Client::fresh(const Entity& e) const {
+  if (fresh_.empty()) return false;
+  for (const Entity* at = &e; at; at = at->parent())
+    for (const Ref<Entity>& root : fresh_)
+      if (root.get() == at) return true;
+  return false;
 }
 
 // Its generation is known from now on. What the hub took its number for may have been another.
@@ -263,7 +293,8 @@ void Client::forgetGenerations(Entity& below) {
 Applier::Verdict Client::judge(const Item& item, Entity* there) {
   replica_.clock().gated = true;
   // What is its own alone the hub has from here, and gets again.
-  if (returning() && owned_.of(agentName(), *item.like, item.container) == Ownership::own)
+  if (returning() && owned_.of(who(), *item.like, item.container) == Ownership::own &&
+      !fresh(*item.container))
     return {there, true, 0};
   const Pending* pending = pendingAt(placeOf(item.collection, item.hash));
   if (pending && pending->identity()) return {there, true, 0};
@@ -290,7 +321,7 @@ void Client::applied(Entity& e, const Item& item, bool made) {
 void Client::remove(const Item& item, Entity* there) {
   replica_.clock().gated = true;
   if (!there || !(there->flags & kUpstream)) return;
-  if (returning() && ownAlone(*there)) return;
+  if (returning() && ownAlone(*there) && !fresh(*there)) return;
   const Pending* pending = pendingAt(placeOf(item.collection, item.hash));
   if (pending && pending->identity()) return;
   // Of what is its own it may have never been told the generation.
@@ -307,7 +338,7 @@ void Client::removeHere(Entity& e) {
 
 uint32_t Client::rootKeep(Entity& e) {
   replica_.clock().gated = true;
-  if (returning() && ownAlone(e)) return ~0u;
+  if (returning() && ownAlone(e) && !fresh(e)) return ~0u;
   const Pending* pending = pendingAt(placeOf(e));
   return e.dirty() | (pending ? pending->fields() : 0);
 }
@@ -315,7 +346,7 @@ uint32_t Client::rootKeep(Entity& e) {
 // What is this participant's own stays, whatever the hub has of it; so does what it has yet to
 // send, and what the hub has yet to take.
 bool Client::sweepable(Entity& e) {
-  return (e.flags & kUpstream) && !ownAlone(e) && !pendingAt(placeOf(e));
+  return (e.flags & kUpstream) && (!ownAlone(e) || fresh(e)) && !pendingAt(placeOf(e));
 }
 
 // The hub has applied every batch up to that one.
@@ -345,12 +376,12 @@ void Client::ends(uint64_t place, uint64_t firstBatch, uint64_t lastBatch) {
 
 bool Client::wants(Entity& e) {
   if (e.dirty() != 0 || !(e.flags & kUpstream)) return true;
-  return resending_ && ownAlone(e);
+  return resends(e);
 }
 
 uint8_t Client::itemFlags(Entity& e) {
   uint8_t tell = tracked(e) ? kItemTell : 0;
-  if (resending_ && ownAlone(e)) return tell | kItemWhole | kItemCreate;
+  if (resends(e)) return tell | kItemWhole | kItemCreate;
   return e.flags & kUpstream ? tell : tell | kItemCreate;
 }
 
@@ -359,7 +390,7 @@ void Client::sent(Entity& e, uint32_t fields) {
   e.flags |= kUpstream;
   e.dirtyIs(e.dirty() & ~fields);
   if (creation) e.generationIs(kProvisional | e.generation());
-  if (resending_ && ownAlone(e) && (e.type().journalOffset || ownTop(e)) &&
+  if (resends(e) && (e.type().journalOffset || ownTop(e)) &&
       std::find(ownRoots_.begin(), ownRoots_.end(), Ref<Entity>(&e)) == ownRoots_.end()) {
     // What the hub has below it and is not sent again now is gone.
     uint32_t handle = containerHandle(out_, e);
@@ -471,10 +502,14 @@ void Client::reconnected(int fd) {
   resending_ = resync_ = true;
   Applier::reset();
   controls_.clear();
+  farewell_.clear();
+  fresh_.clear();
   connection_ = std::make_unique<Connection>(fd, static_cast<Connection::Peer&>(*this));
   for (Mount& m : mounts_) {
     m.answered = m.ended = false;
-    if (m.root) markStale(*m.root, Reach::tree);
+    if (!m.root) continue;
+    if (!m.complete) fresh_.push_back(m.root);
+    markStale(*m.root, Reach::tree);
   }
   unsynced_ = mounts_.size();
   mountsSent_ = 0;

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "platform/activity/task.h"
+#include "platform/activity/timer.h"
 #include "platform/statehub/applier.h"
 #include "platform/statehub/authority.h"
 #include "platform/statehub/connection.h"
@@ -33,7 +34,7 @@ class RYX_PRIVATE Client final : public EntityManager,
                                  private Publisher,
                                  private Task {
  public:
-  Client(int fd, std::string_view agentName);
+  Client(int fd, const Participant& who, double heartbeat);
   ~Client() override;
 
   std::unique_ptr<MountGroup> mountGroup() override;
@@ -46,6 +47,8 @@ class RYX_PRIVATE Client final : public EntityManager,
   // A new connection takes the place of the one that died.
   void reconnected(int fd) override;
   void onLostIs(std::function<void()> lost) override { lost_ = std::move(lost); }
+  bool welcomed() const override { return incarnation_ != 0; }
+  std::string farewell() const override { return farewell_; }
 
   uint64_t acknowledged() const override { return acknowledged_; }
   uint64_t bytesSent() const override { return connection_ ? connection_->bytesSent() : 0; }
@@ -68,8 +71,9 @@ class RYX_PRIVATE Client final : public EntityManager,
     bool writable = false;
     bool answered = false;
     bool ended = false;
-    uint32_t handle = 0;  // this side's number for the root
-    Ref<Entity> root;
+    bool complete = false;  // all of it was here, once
+    uint32_t handle = 0;    // this side's number for the root
+    Ref<Entity> root = {};
   };
   enum class WriteKind : uint8_t { attributes, creation, removal };
   struct Write {
@@ -141,6 +145,7 @@ class RYX_PRIVATE Client final : public EntityManager,
   void encodeSweeps();
 
   void hello();
+  void beat();
   void sendMounts(Encoder& out);
   void removeHere(Entity& e);
   void adopt(Entity& e, uint64_t generation);
@@ -157,7 +162,11 @@ class RYX_PRIVATE Client final : public EntityManager,
   void wrote(Entity& e, uint32_t fields, WriteKind kind);
   void ends(uint64_t place, uint64_t firstBatch, uint64_t lastBatch);
   // Written by this participant alone.
-  bool ownAlone(Entity& e) { return owned_.of(agentName(), e, e.parent()) == Ownership::own; }
+  bool ownAlone(Entity& e) { return owned_.of(who(), e, e.parent()) == Ownership::own; }
+  // In a mount that was not complete when the connection died: what is its own comes from the hub.
+  bool fresh(const Entity& e) const;
+  // What is its own, and goes to the hub anew.
+  bool resends(Entity& e) { return resending_ && ownAlone(e) && !fresh(e); }
   // The top of what is its own.
   bool ownTop(Entity& e);
   // Whether the hub's word may cross a write of it.
@@ -168,8 +177,20 @@ class RYX_PRIVATE Client final : public EntityManager,
   void gatherLost(std::vector<Ref<Entity>> removals);
   void checkGroups();
 
+  class Heartbeat final : public Timer {
+   public:
+    explicit Heartbeat(Client& client) : Timer("StatehubHeartbeat"), client_(client) {}
+    void onTimer() override { client_.beat(); }
+
+   private:
+    Client& client_;
+  };
+
   Tree replica_;
   std::unique_ptr<Connection> connection_;
+  std::string farewell_;
+  const double beats_;  // seconds between two, 0: none
+  Heartbeat heartbeat_{*this};
   std::function<void()> lost_;
   std::vector<Mount> mounts_;
   size_t mountsSent_ = 0;
@@ -178,6 +199,7 @@ class RYX_PRIVATE Client final : public EntityManager,
   std::vector<Ref<Entity>> lostRemovals_;  // to be sent again
   OwnershipCache owned_;
   std::unordered_map<uint64_t, Pending> pending_;
+  std::vector<Ref<Entity>> fresh_;     // roots of mounts that are fresh()
   std::vector<Ref<Entity>> ownRoots_;  // to be swept at the hub when all of it was sent again
   Encoder out_;
   Encoder controls_;

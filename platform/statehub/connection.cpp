@@ -1,6 +1,7 @@
 #include "platform/statehub/connection.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -33,7 +34,12 @@ class Connection::Socket final : public Descriptor {
   bool open() const { return open_; }
   size_t unsent() const { return out_.size() - sent_; }
   uint64_t bytesSent() const { return bytesSent_; }
+  uint64_t bytesReceived() const { return bytesReceived_; }
 
+  bool peerIsGone() const {
+    pollfd state{fd(), POLLRDHUP, 0};
+    return open_ && ::poll(&state, 1, 0) == 1 && (state.revents & (POLLRDHUP | POLLHUP | POLLERR));
+  }
   // What the socket takes at once is not copied.
   void send(std::string_view payload) {
     if (!open_) return;
@@ -61,15 +67,6 @@ class Connection::Socket final : public Descriptor {
     if (open_) readableInterestIs(on);
   }
 
-  void shut() {
-    if (!open_) return;
-    open_ = false;
-    readableInterestIs(false);
-    writableInterestIs(false);
-    ::close(fd());
-  }
-
- private:
   void onReadable() override {
     bool destroyed = false;
     destroyed_ = &destroyed;
@@ -82,11 +79,21 @@ class Connection::Socket final : public Descriptor {
     }
   }
 
+  void shut() {
+    if (!open_) return;
+    open_ = false;
+    readableInterestIs(false);
+    writableInterestIs(false);
+    ::close(fd());
+  }
+
+ private:
   bool readAll(const bool& destroyed) {
     makeRoom();
     ssize_t n = ::recv(fd(), in_.get() + end_, capacity_ - end_, 0);
     if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) return false;
     if (n > 0) end_ += static_cast<size_t>(n);
+    if (n > 0) bytesReceived_ += static_cast<uint64_t>(n);
     while (end_ - begin_ >= 4) {
       uint32_t length = pendingLength();
       if (length > kMaxFrame) return false;
@@ -164,6 +171,7 @@ class Connection::Socket final : public Descriptor {
   std::string out_;
   size_t sent_ = 0;
   uint64_t bytesSent_ = 0;
+  uint64_t bytesReceived_ = 0;
 };
 
 Connection::Connection(int fd, Peer& peer) : socket_(std::make_unique<Socket>(fd, peer)) {}
@@ -182,6 +190,15 @@ size_t Connection::unsent() const {
 }
 uint64_t Connection::bytesSent() const {
   return socket_->bytesSent();
+}
+uint64_t Connection::bytesReceived() const {
+  return socket_->bytesReceived();
+}
+bool Connection::peerIsGone() const {
+  return socket_->peerIsGone();
+}
+void Connection::readNow() {
+  socket_->onReadable();
 }
 void Connection::readingIs(bool on) {
   socket_->readingIs(on);

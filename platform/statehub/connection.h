@@ -35,6 +35,11 @@ class RYX_PRIVATE Connection {
   void send(std::string_view payload);
   size_t unsent() const;
   uint64_t bytesSent() const;
+  uint64_t bytesReceived() const;
+  // The other side sends nothing any more; what it sent may be unread still.
+  bool peerIsGone() const;
+  // Without waiting for the loop. Not from within a callback of this connection.
+  void readNow();
   // Whether what arrives is read. What was read already is handed over in any case.
   void readingIs(bool on);
   void close();

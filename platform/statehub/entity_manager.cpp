@@ -83,13 +83,15 @@ std::unique_ptr<EntityManager> EntityManager::embedded(std::string_view agentNam
   return std::make_unique<EmbeddedEntityManager>(agentName, tree);
 }
 
+const std::string EntityManager::kNone;
+
 Writer::Admission EntityManager::admits(const Journal&, const Entity& entity,
                                         const Entity* parent) {
-  Admission verdict = judgeWrite(agentName_, entity, parent);
+  Admission verdict = judgeWrite(who(), entity, parent);
   if (verdict == Admission::refused) {
     ++refusals_;
     RYX_TRACE(trace(), 0,
-              "refused a write by " << agentName_ << " below " << (parent ? parent->path() : "/"));
+              "refused a write by " << name_ << " below " << (parent ? parent->path() : "/"));
   }
   return verdict;
 }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/qel/dir.h"
+#include "platform/statehub/participant.h"
 
 namespace ryx::platform {
 
@@ -57,14 +58,19 @@ class RYX_PRIVATE EntityManager : public Writer {
   static std::unique_ptr<EntityManager> embedded(std::string_view agentName);
   // On another tree of this process, which outlives it.
   static std::unique_ptr<EntityManager> embedded(std::string_view agentName, Tree& tree);
-  // On a replica, over a connected stream socket, whose descriptor it owns from now on.
-  static std::unique_ptr<EntityManager> overSocket(int fd, std::string_view agentName);
+  // On a replica, over a connected stream socket, whose descriptor it owns from now on; -1: there
+  // is none yet, reconnected() brings it. `heartbeat`: the seconds between two signs of life to the
+  // hub, 0 for none.
+  static std::unique_ptr<EntityManager> overSocket(int fd, const Participant& who,
+                                                   double heartbeat = 0);
 
   ~EntityManager() override = default;
 
-  const std::string& agentName() const { return agentName_; }
+  Participant who() const { return {role_, name_}; }
+  // Empty of a service and of an operator.
+  const std::string& agentName() const { return role_ == Role::agent ? name_ : kNone; }
   // "RyxSdk-" and the agent's name: the name of its own entities.
-  std::string ownName() const { return "RyxSdk-" + agentName_; }
+  std::string ownName() const { return "RyxSdk-" + agentName(); }
 
   virtual std::unique_ptr<MountGroup> mountGroup() = 0;
 
@@ -92,6 +98,9 @@ class RYX_PRIVATE EntityManager : public Writer {
   virtual void reconnected(int /*fd*/) {}
   // Called once each time the connection dies, from the loop.
   virtual void onLostIs(std::function<void()>) {}
+  // Whether a hub has let it in, ever; and what the hub said last before it ended the connection.
+  virtual bool welcomed() const { return true; }
+  virtual std::string farewell() const { return {}; }
   // Batches of writes sent, and the last one of which the hub has told that it and all that it
   // implied is done.
   virtual uint64_t batches() const { return 0; }
@@ -106,10 +115,12 @@ class RYX_PRIVATE EntityManager : public Writer {
   uint64_t refusals() const { return refusals_; }
 
  protected:
-  explicit EntityManager(std::string_view agentName) : agentName_(agentName) {}
+  explicit EntityManager(const Participant& who) : role_(who.role), name_(who.name) {}
 
  private:
-  std::string agentName_;
+  RYX_PRIVATE static const std::string kNone;
+  const Role role_;
+  const std::string name_;
   Tree local_;
   uint64_t refusals_ = 0;
 };

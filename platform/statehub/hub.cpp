@@ -1,6 +1,7 @@
 #include "platform/statehub/hub.h"
 
 #include <sys/random.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cctype>
@@ -24,6 +25,10 @@ TraceFacility& trace() {
   return facility;
 }
 
+// The upper bit tells a connection's number from the marks of attributes, which use the other bits
+// of the same word.
+constexpr uint32_t kOriginBit = 0x80000000u;
+
 bool isName(std::string_view name) {
   return name.size() <= 64 && std::all_of(name.begin(), name.end(), [](char c) {
            return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_';
@@ -38,16 +43,40 @@ class Hub::Session final : public Writer,
                            public Publisher,
                            public Task {
  public:
-  Session(Hub& hub, int fd, uint32_t origin)
+  Session(Hub& hub, int fd, uint32_t origin, const HubPeer& peer)
       : Applier(hub.tree_),
         Task("HubSession"),
         hub_(hub),
         origin_(origin),
+        peer_(peer),
+        since_(clock().now()),
+        heard_(since_),
         connection_(std::make_unique<Connection>(fd, *this)) {}
   ~Session() override { closeBatch(); }
 
-  const std::string& name() const { return name_; }
+  Participant who() const { return {role_, name_}; }
   bool greeted() const { return greeted_; }
+  bool open() const { return connection_->open(); }
+  bool peerIsGone() const { return connection_->peerIsGone(); }
+  void readNow() { connection_->readNow(); }
+  uint64_t number() const { return origin_ & ~kOriginBit; }
+  HubParticipant description() const {
+    double now = clock().now();
+    return {number(),
+            peer_,
+            role_,
+            name_,
+            mountPaths_,
+            connection_->bytesSent(),
+            connection_->bytesReceived(),
+            connection_->unsent(),
+            refusals_,
+            pastLimits_,
+            since_,
+            clogged_ + (cloggedSince_ != 0 ? now - cloggedSince_ : 0),
+            heard_,
+            heartbeat_};
+  }
   uint32_t origin() const { return origin_; }
   bool batchOpen() const { return batchOpen_; }
   void cutPossible() {
@@ -60,29 +89,37 @@ class Hub::Session final : public Writer,
 
   // --- Writer ---
   Admission admits(const Journal&, const Entity& entity, const Entity* parent) override {
-    return judgeWrite(name_, entity, parent);
+    return judgeWrite(who(), entity, parent);
   }
 
   // --- Connection::Peer ---
   bool onFrame(std::string_view payload) override {
-    StoreClock& clock = hub_.tree_.clock();
-    Writer* outerWriter = std::exchange(clock.writer, this);
-    uint32_t outerOrigin = std::exchange(clock.origin, origin_);
-    hub_.applying_ = this;
+    StoreClock& store = hub_.tree_.clock();
+    Writer* outerWriter = std::exchange(store.writer, this);
+    uint32_t outerOrigin = std::exchange(store.origin, origin_);
+    Session* outerApplying = std::exchange(hub_.applying_, this);
+    heard_ = clock().now();
+    held_ += payload.size();
     bool good = frame(payload);
-    hub_.applying_ = nullptr;
-    clock.writer = outerWriter;
-    clock.origin = outerOrigin;
+    hub_.applying_ = outerApplying;
+    store.writer = outerWriter;
+    store.origin = outerOrigin;
     if (!good) {
-      ++hub_.counters_.broken;
-      RYX_TRACE(trace(), 0, "participant '" << name_ << "' broke the protocol: " << error());
+      if (!turnedAway_) {
+        ++hub_.counters_.broken;
+        sayFarewell(Farewell::brokeProtocol, "it broke the protocol: " + error());
+      }
+      RYX_TRACE(trace(), 0, nameOf(role_) << " '" << name_ << "' is disconnected: " << error());
     }
     wake();
     return good;
   }
-  void onWritable() override { wake(); }
+  void onWritable() override {
+    if (cloggedSince_ != 0) clogged_ += clock().now() - std::exchange(cloggedSince_, 0);
+    wake();
+  }
   void onClosed() override {
-    RYX_TRACE(trace(), 1, "participant '" << name_ << "' is gone");
+    RYX_TRACE(trace(), 1, nameOf(role_) << " '" << name_ << "' is gone");
     closeBatch();
     hub_.gone(*this);
   }
@@ -105,10 +142,11 @@ class Hub::Session final : public Writer,
       refused(item, there, true);
       return {nullptr, true, 0};
     }
-    if (create && !there && made_ >= kMaxEntities && !roomAgain()) {
-      ++hub_.counters_.tooMany;
-      refused(item, nullptr, false);
-      return {nullptr, true, 0};
+    if (((create && !there && made_ >= hub_.limits_.entities) || held_ >= hub_.limits_.bytes) &&
+        !roomAgain()) {
+      tellPastLimits();
+      refused(item, there, false);
+      return {there, true, 0};
     }
     if (create || (there && (item.generation == 0 || item.generation == there->generation())))
       return {there, false, 0};
@@ -117,14 +155,18 @@ class Hub::Session final : public Writer,
     return {nullptr, true, 0};
   }
   void applied(Entity& e, const Item& item, bool made) override {
-    if (made) ++made_;
+    if (made) {
+      ++made_;
+      held_ += item.type->size;
+    }
     if (item.flags & kItemTell) tell(item, &e, (item.flags & kItemCreate) || item.generation == 0);
   }
   void remove(const Item& item, Entity* there) override {
     openBatch();
     Ref<Entity> hold(there);
     bool same = there && (item.generation == 0 || item.generation == there->generation());
-    if (same && !there->owner()->remove(*there)) return refused(item, there, true);
+    if (same && (standsForGood(*there) || !there->owner()->remove(*there)))
+      return refused(item, there, true);
     if (same && made_ != 0) --made_;
     if (item.flags & kItemTell) tell(item, there, true);
   }
@@ -155,27 +197,42 @@ class Hub::Session final : public Writer,
     told_.push_back({Ref<Entity>(&container), collection, std::move(like), deep, false});
     if (told_.size() == kMaxTold) connection_->readingIs(false);
   }
-  // What it made may be gone since: counts what stands where it writes.
+  // What it made and wrote may be gone since: counts what stands of it where it writes. That takes
+  // a twentieth of the hub's time at most.
   bool roomAgain() {
-    double now = clock().now();
-    if (now < recountAt_) return false;
-    recountAt_ = now + 1;
-    auto count = [](auto& self, Entity& of) -> uint64_t {
-      uint64_t n = 0;
-      for (const CollectionInfo& c : of.type().collections) {
-        n += of.collection(c).size();
-        for (CollectionIterator it(of.collection(c)); it; it.next())
-          if (!it.get()->type().collections.empty()) n += self(self, *it.get());
-      }
-      return n;
+    double start = clock().now();
+    if (start < recountAt_) return false;
+    Encoder values;
+    auto count = [&](auto& self, Entity& of) -> void {
+      for (const CollectionInfo& c : of.type().collections)
+        for (CollectionIterator it(of.collection(c)); it; it.next()) {
+          Entity& e = *it.get();
+          if (e.dirty() == origin_ || owned_.of(who(), e, &of) == Ownership::own) {
+            ++made_;
+            values.clear();
+            e.type().keyKind->encode(values, e.keyData());
+            for (const FieldInfo& f : e.type().fields) f.kind->encode(values, e.at(f.offset));
+            held_ += e.type().size + values.size();
+          }
+          if (!e.type().collections.empty()) self(self, e);
+        }
     };
-    made_ = 0;
-    for (auto& root : written_) made_ += count(count, *root);
-    return made_ < kMaxEntities;
+    made_ = held_ = 0;
+    for (auto& root : written_) count(count, *root);
+    double end = clock().now();
+    recountAt_ = end + std::max(1.0, 20 * (end - start));
+    return made_ < hub_.limits_.entities && held_ < hub_.limits_.bytes;
+  }
+  void tellPastLimits() {
+    ++hub_.counters_.pastLimits;
+    if (pastLimits_++ == 0)
+      RYX_TRACE(trace(), 0,
+                nameOf(role_) << " '" << name_ << "' is past a limit: " << made_ << " entities, "
+                              << held_ << " bytes, " << mountPaths_.size() << " mounts");
   }
   void sweep(Entity& e) override { EntityOps::remove(e); }
   // A participant compares what is its own: everything else stays.
-  bool sweepable(Entity& e) override { return owned_.of(name_, e, e.parent()) == Ownership::own; }
+  bool sweepable(Entity& e) override { return owned_.of(who(), e, e.parent()) == Ownership::own; }
   void refused(const Item& item, Entity* there, bool removal) override {
     note(item.type->name, *item.container);
     tell(item, there, removal || !there);
@@ -188,6 +245,7 @@ class Hub::Session final : public Writer,
   }
   void note(const std::string& type, const Entity& container) {
     ++hub_.counters_.refusedWrites;
+    ++refusals_;
     RYX_TRACE(trace(), 0,
               "refused a write of " << type << " by '" << name_ << "' below " << container.path());
   }
@@ -205,6 +263,8 @@ class Hub::Session final : public Writer,
       case Op::cut:
         closeBatch();
         return true;
+      case Op::heartbeat:  // being heard is all there is to it
+        return true;
       default:
         return broken("an unknown operation");
     }
@@ -213,18 +273,35 @@ class Hub::Session final : public Writer,
   bool hello(Decoder& d) {
     if (greeted_) return broken("a second hello");
     uint64_t magic = d.varint(), version = d.varint();
-    std::string_view agent = d.text();
     if (d.failed() || magic != kWireMagic) return broken("no hello of this protocol");
-    if (version != kWireVersion) return broken("protocol version " + std::to_string(version));
-    bool taken = std::any_of(hub_.sessions_.begin(), hub_.sessions_.end(), [&](auto& s) {
-      return s.get() != this && s->greeted() && !agent.empty() && s->name() == agent;
-    });
-    if (taken || !isName(agent)) {
-      ++hub_.counters_.refusedNames;
-      return broken(taken ? "a second connection as '" + std::string(agent) + "'"
-                          : "an agent name with characters that are not permitted");
+    if (version != kWireVersion)
+      return broken("protocol version " + std::to_string(version) + ", expected " +
+                    std::to_string(kWireVersion));
+    uint64_t role = d.varint();
+    std::string_view name = d.text();
+    uint64_t heartbeat = d.varint();
+    if (d.failed() || role > static_cast<uint64_t>(Role::operators))
+      return broken("no hello of this protocol");
+    role_ = static_cast<Role>(role);
+    if (!isName(name) || (role_ == Role::agent && name.empty()))
+      return turnAway(Farewell::notPermitted,
+                      "expected a name of 1 to 64 letters, digits, dashes and underscores");
+    if (hub_.doorkeeper_)
+      if (std::string why = hub_.doorkeeper_->turnsAway({role_, name}, peer_); !why.empty())
+        return turnAway(Farewell::notPermitted, why);
+    if (role_ == Role::agent) {
+      // One that died is heard to its last word here and now, and its place is free.
+      Session* other;
+      while ((other = hub_.agentNamed(name)) && other->peerIsGone()) other->readNow();
+      if (other)
+        return turnAway(
+            Farewell::nameTaken,
+            "another agent named '" + std::string(name) + "' is connected" +
+                (other->peer_.pid > 0 ? " (process " + std::to_string(other->peer_.pid) + ")"
+                                      : ""));
     }
-    name_ = agent;
+    name_ = name;
+    heartbeat_ = static_cast<double>(heartbeat) / 1000;
     greeted_ = true;
     ++hub_.counters_.accepted;
     controls_.u8(static_cast<uint8_t>(Op::hello));
@@ -234,15 +311,33 @@ class Hub::Session final : public Writer,
     return true;
   }
 
+  bool turnAway(Farewell reason, const std::string& why) {
+    ++hub_.counters_.refusedNames;
+    turnedAway_ = true;
+    sayFarewell(reason, why);
+    return broken(why);
+  }
+  void sayFarewell(Farewell reason, std::string_view text) {
+    Encoder e;
+    e.u8(static_cast<uint8_t>(Op::farewell));
+    e.varint(static_cast<uint64_t>(reason));
+    e.text(text);
+    connection_->send(e.view());
+  }
+
   bool mount(Decoder& d) {
     uint64_t id = d.varint(), handle = d.varint();
     std::string path(d.text()), typeName(d.text());
     std::string_view mode = d.text();
     uint8_t mine = d.u8();
     if (d.failed() || path.size() > kMaxPath) return broken("a malformed mount");
-    if (++mounts_ > kMaxMounts) return broken("too many mounts");
     Entity* root = nullptr;
     MountStatus status = resolve(path, typeName, mode, &root);
+    if (mountPaths_.size() >= hub_.limits_.mounts) {
+      status = MountStatus::refused;
+      tellPastLimits();
+      if (pastLimits_ > hub_.limits_.mounts) return broken("too many mounts");
+    }
     controls_.u8(static_cast<uint8_t>(Op::mounted));
     controls_.varint(id);
     controls_.varint(static_cast<uint64_t>(status));
@@ -251,12 +346,14 @@ class Hub::Session final : public Writer,
                   << static_cast<int>(status));
     if (status != MountStatus::success) return true;
     if (handle != 0 && !numberIs(handle, root)) return false;
+    mountPaths_.push_back(path);
     if (handle != 0) written_.push_back(Ref<Entity>(root));
-    resends_ |= mine != 0;
+    if (mine != 0) resent_.push_back(Ref<Entity>(root));
     uint32_t number = handleOf(*root);
     if (number == 0) number = newHandle();
     controls_.varint(number);
     controls_.varint(root->generation());
+    controls_.text(root->type().name);
     publish(*root, number, true);
     unsynced_.push_back(id);
     return true;
@@ -266,6 +363,11 @@ class Hub::Session final : public Writer,
                       Entity** root) {
     if (mode.empty() || mode.find_first_not_of("rwciS") != std::string_view::npos)
       return MountStatus::badMode;
+    if (typeName.empty()) {  // whatever stands there
+      *root = tree().find(path);
+      if (!*root) return MountStatus::noSuchPath;
+      return (*root)->type().journalOffset != 0 ? MountStatus::success : MountStatus::wrongType;
+    }
     const TypeInfo* type = TypeInfo::named(typeName);
     if (!type || type->journalOffset == 0) return MountStatus::wrongType;
     *root = tree().find(path);
@@ -282,9 +384,11 @@ class Hub::Session final : public Writer,
   // participant is going to send again is not sent to it.
   bool visible(Entity& e) override {
     Entity* parent = e.parent();
-    if (!parent || !parent->as<Dir>() || name_.empty()) return true;
-    if (ownership(name_, e, parent) == Ownership::own)
-      return !(resends_ && e.type().journalOffset != 0);
+    if (parent && e.owner()->info().marks & kSecret && !maySeeSecrets(who(), e, parent))
+      return false;
+    if (!parent || !parent->as<Dir>() || role_ != Role::agent) return true;
+    if (ownership(who(), e, parent) == Ownership::own)
+      return !(e.type().journalOffset != 0 && isResent(e));
     const WellKnown* place = wellKnownAbove(std::string_view(e.path()).substr(1));
     if (!place || !place->isPrivate) return true;
     std::string path = e.path();
@@ -292,7 +396,17 @@ class Hub::Session final : public Writer,
     return depth < std::count(place->path.begin(), place->path.end(), '/') + 1 + place->ownDepth;
   }
   // What is the participant's own it knows best.
-  bool compares(Entity& e) override { return owned_.of(name_, e, e.parent()) != Ownership::own; }
+  bool compares(Entity& e) override { return owned_.of(who(), e, e.parent()) != Ownership::own; }
+  bool isResent(const Entity& e) const {
+    for (const Entity* at = &e; at && !resent_.empty(); at = at->parent())
+      for (const Ref<Entity>& root : resent_)
+        if (root.get() == at) return true;
+    return false;
+  }
+  uint32_t readable(Entity& e) override {
+    uint32_t secret = e.type().secretFields;
+    return secret == 0 || maySeeSecrets(who(), e, e.parent()) ? ~0u : ~secret;
+  }
   // Of somebody who is in the middle of what it sends, this one has a part now, or may have.
   void sent(Entity& e, uint32_t) override { noteMixed(e); }
   void removalSent(Entity& e) override { noteMixed(e); }
@@ -304,7 +418,11 @@ class Hub::Session final : public Writer,
   // --- sending ---
   // One frame, then it is the others' turn.
   bool run(Slice&) override {
-    if (!connection_->open() || connection_->unsent() >= kSendAhead) return false;
+    if (!connection_->open()) return false;
+    if (connection_->unsent() >= kSendAhead) {
+      if (cloggedSince_ == 0) cloggedSince_ = clock().now();
+      return false;
+    }
     out_.clear();
     out_.swap(controls_);
     if (applied_ != appliedTold_) {
@@ -385,25 +503,34 @@ class Hub::Session final : public Writer,
 
   Hub& hub_;
   const uint32_t origin_;
-  std::unique_ptr<Connection> connection_;
+  const HubPeer peer_;
+  Role role_ = Role::agent;
   std::string name_;
   OwnershipCache owned_;
+  double since_;
+  double heard_;
+  double heartbeat_ = 0;
+  double clogged_ = 0, cloggedSince_ = 0;
+  uint64_t refusals_ = 0;
+  uint64_t pastLimits_ = 0;
   bool greeted_ = false;
+  bool turnedAway_ = false;
   bool batchOpen_ = false;
-  bool resends_ = false;
   bool cutOwed_ = false;
   bool mixed_ = false;  // since the last cut something was sent whose writer was in a batch
   double lastCut_ = 0;
   uint64_t applied_ = 0, acked_ = 0;
   uint64_t appliedTold_ = 0;
-  uint64_t made_ = 0;
+  uint64_t made_ = 0, held_ = 0;  // entities and bytes, no fewer than it has
   double recountAt_ = 0;
   std::vector<Ref<Entity>> written_;  // the roots of the mounts that it may write
-  uint32_t mounts_ = 0;
+  std::vector<Ref<Entity>> resent_;   // and of those where it sends its own again
+  std::vector<std::string> mountPaths_;
   std::vector<uint64_t> unsynced_;
   std::deque<Told> told_;
   Encoder out_;
   Encoder controls_;
+  std::unique_ptr<Connection> connection_;
 };
 
 Hub::Hub(Tree& tree) : tree_(tree) {
@@ -420,10 +547,40 @@ Hub::~Hub() {
 }
 
 void Hub::accept(int fd) {
-  // Entities keep it longer than sessions and hubs live. The upper bit tells it from the marks of
-  // attributes, which use the other bits of the same word.
+  HubPeer peer;
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0 && credentials.pid > 0) {
+    peer.pid = credentials.pid;
+    peer.uid = credentials.uid;
+  }
+  accept(fd, peer);
+}
+
+void Hub::accept(int fd, const HubPeer& peer) {
+  // Entities keep it longer than sessions and hubs live.
   static uint32_t last = 0;
-  sessions_.push_back(std::make_unique<Session>(*this, fd, 0x80000000u | ++last));
+  sessions_.push_back(std::make_unique<Session>(*this, fd, kOriginBit | ++last, peer));
+}
+
+std::vector<HubParticipant> Hub::participants() const {
+  std::vector<HubParticipant> all;
+  for (auto& s : sessions_)
+    if (s->greeted()) all.push_back(s->description());
+  return all;
+}
+
+void Hub::drop(uint64_t number) {
+  auto at = std::find_if(sessions_.begin(), sessions_.end(),
+                         [&](auto& s) { return s->number() == number; });
+  if (at != sessions_.end()) (*at)->end();
+}
+
+Hub::Session* Hub::agentNamed(std::string_view name) const {
+  auto at = std::find_if(sessions_.begin(), sessions_.end(), [&](auto& s) {
+    return s->greeted() && s->open() && s->who().role == Role::agent && s->who().name == name;
+  });
+  return at == sessions_.end() ? nullptr : at->get();
 }
 
 void Hub::dropAll() {

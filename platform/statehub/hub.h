@@ -16,30 +16,80 @@
 
 #include "platform/activity/timer.h"
 #include "platform/qel/dir.h"
+#include "platform/statehub/participant.h"
 #include "platform/statehub/wire.h"
 
 namespace ryx::platform {
 
 struct HubCounters {
   uint64_t accepted = 0;      // connections that said hello
-  uint64_t refusedNames = 0;  // hellos under a name that is connected, or is no name
+  uint64_t refusedNames = 0;  // hellos that were turned away
   uint64_t broken = 0;        // connections ended because they broke the protocol
   uint64_t refusedWrites = 0;
   uint64_t forcedCuts = 0;
-  uint64_t tooMany = 0;  // creations refused because a participant has too many entities
+  uint64_t pastLimits = 0;  // writes and mounts refused because of HubLimits
+};
+
+// What one participant may have at the hub. A write or mount past a limit is refused.
+struct HubLimits {
+  uint64_t entities = 16'000'000;
+  uint64_t bytes = uint64_t{4} << 30;  // of entities and their values
+  uint32_t mounts = 4096;
+};
+
+// Who is at the other end of a connection, as far as the system knows.
+struct HubPeer {
+  static constexpr int64_t kUnknown = -1;
+  int64_t pid = kUnknown;
+  int64_t uid = kUnknown;
+  // The host of this hub started it, as that participant and nobody else.
+  bool isStarted = false;
+  Role role = Role::agent;
+  std::string name;
+};
+
+// Decides who comes in.
+class Doorkeeper {
+ public:
+  virtual ~Doorkeeper() = default;
+  // Empty: it may; else why not, for it to read.
+  virtual std::string turnsAway(const Participant& who, const HubPeer& peer) = 0;
+};
+
+// One connection, for an operator to see.
+struct HubParticipant {
+  uint64_t number;  // in the order of coming
+  HubPeer peer;
+  Role role;
+  std::string name;
+  std::vector<std::string> mounts;
+  uint64_t bytesSent;  // to it
+  uint64_t bytesReceived;
+  uint64_t unsent;
+  uint64_t refusals;
+  uint64_t pastLimits;
+  double since;      // clock().now() when it came
+  double clogged;    // seconds in all that more was unsent than a sender sends ahead
+  double heard;      // clock().now() when something came from it
+  double heartbeat;  // the period that it promised, in seconds; 0: none
 };
 
 class RYX_PRIVATE Hub : public Origins, private Timer {
  public:
-  // Entities that one participant may have created in one connection.
-  static constexpr uint64_t kMaxEntities = 16'000'000;
-
   // Serves `tree`, which outlives it and has its well-known entities.
   explicit Hub(Tree& tree);
   ~Hub() override;
 
-  // Takes over a connected stream socket.
+  // Takes over a connected stream socket. Who is there is asked of the socket, or told.
   void accept(int fd);
+  void accept(int fd, const HubPeer& peer);
+  // Without one (null) everybody may come, by whatever name. It outlives the hub.
+  void doorkeeperIs(Doorkeeper* keeper) { doorkeeper_ = keeper; }
+  void limitsAre(const HubLimits& limits) { limits_ = limits; }
+  // Those that said who they are.
+  std::vector<HubParticipant> participants() const;
+  // Ends the connection of that number.
+  void drop(uint64_t number);
   size_t sessions() const { return sessions_.size(); }
   const HubCounters& counters() const { return counters_; }
   Tree& tree() { return tree_; }
@@ -59,6 +109,7 @@ class RYX_PRIVATE Hub : public Origins, private Timer {
   bool inBatch(uint32_t origin) const;
   bool mayCut() const { return openBatches_ == 0 || forced_; }
   void gone(Session& session);
+  Session* agentNamed(std::string_view name) const;
 
   Tree& tree_;
   uint64_t incarnation_;
@@ -67,6 +118,8 @@ class RYX_PRIVATE Hub : public Origins, private Timer {
   Session* applying_ = nullptr;
   std::vector<std::unique_ptr<Session>> sessions_;
   HubCounters counters_;
+  HubLimits limits_;
+  Doorkeeper* doorkeeper_ = nullptr;
 };
 
 }  // namespace ryx::platform

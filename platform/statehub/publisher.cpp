@@ -216,7 +216,8 @@ void Publisher::encodeType(Encoder& out, const TypeInfo& type) {
   for (const CollectionInfo& c : type.collections) out.text(c.name);
 }
 
-void Publisher::encodeFields(Encoder& out, const Entity& e, uint32_t fields, bool skipDefaults) {
+void Publisher::encodeFields(Encoder& out, Entity& e, uint32_t fields, bool skipDefaults) {
+  fields &= readable(e);
   for (const FieldInfo& f : e.type().fields) {
     if (!(fields >> f.index & 1) || (f.marks & kLocal)) continue;
     const void* value = e.at(f.offset);
@@ -227,7 +228,7 @@ void Publisher::encodeFields(Encoder& out, const Entity& e, uint32_t fields, boo
   out.u8(0);
 }
 
-void Publisher::encodeRoot(Encoder& out, const Entity& root, uint32_t handle, uint8_t flags,
+void Publisher::encodeRoot(Encoder& out, Entity& root, uint32_t handle, uint8_t flags,
                            uint32_t fields) {
   encodeType(out, root.type());
   out.u8(static_cast<uint8_t>(Op::root));

@@ -68,6 +68,8 @@ class RYX_PRIVATE Publisher {
   // The attributes to send, and how.
   virtual uint8_t itemFlags(Entity& e) = 0;
   virtual uint32_t itemFields(Entity& e) = 0;
+  // Those that the peer may know, whatever is to be sent.
+  virtual uint32_t readable(Entity& /*e*/) { return ~0u; }
   virtual uint64_t itemGeneration(Entity& e) { return e.generation(); }
   virtual uint8_t removalFlags(Entity&) { return 0; }
   // Whether a walk over all of it, to be compared, may take the place of its deletions.
@@ -85,9 +87,8 @@ class RYX_PRIVATE Publisher {
   bool encodeFeed(Feed& feed, Encoder& out, size_t limit);
   void encodeItem(Encoder& out, Entity& e, uint8_t extraFlags);
   void encodeToldItem(Encoder& out, Entity& e, bool numbered);
-  void encodeRoot(Encoder& out, const Entity& root, uint32_t handle, uint8_t flags,
-                  uint32_t fields);
-  void encodeFields(Encoder& out, const Entity& e, uint32_t fields, bool skipDefaults);
+  void encodeRoot(Encoder& out, Entity& root, uint32_t handle, uint8_t flags, uint32_t fields);
+  void encodeFields(Encoder& out, Entity& e, uint32_t fields, bool skipDefaults);
   void encodeType(Encoder& out, const TypeInfo& type);
   void forget(Encoder& out, const Entity& container);
   void forgetDead(Encoder& out, Feed& feed);

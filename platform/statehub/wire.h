@@ -11,7 +11,7 @@ namespace ryx::platform {
 
 enum class Op : uint8_t {
   // Both ways.
-  hello = 1,    // magic, protocol version, agent name (or the hub's incarnation)
+  hello = 1,    // magic, protocol version, who it is (or the hub's incarnation)
   type = 2,     // number, name, key's wire form, attributes (name, wire form), collections (name)
   item = 3,     // flags, container, collection, type, [handle], generation, key, attributes, 0
   root = 4,     // container, attributes, 0: the container's own attributes
@@ -21,18 +21,27 @@ enum class Op : uint8_t {
   sweep = 8,    // container, reach: what was not sent again since its `compare` is gone
   compare = 9,  // container, reach: all below it is going to be sent again
   // From a participant.
-  mount = 20,  // number, path, type name, mode
-  batch = 21,  // number of the writes behind it in this frame
+  mount = 20,      // number, path, type name, mode
+  batch = 21,      // number of the writes behind it in this frame
+  heartbeat = 22,  // it lives, and its loop runs
   // From the hub.
-  mounted = 30,  // mount, status, container (when it succeeded), type
-  synced = 31,   // mount: all of it has been sent
-  applied = 32,  // batch: what follows includes it
-  ack = 33,      // batch: so does all that it implied
-  refused = 34,  // a write was refused; what holds follows
+  mounted = 30,   // mount, status, container (when it succeeded), type
+  synced = 31,    // mount: all of it has been sent
+  applied = 32,   // batch: what follows includes it
+  ack = 33,       // batch: so does all that it implied
+  refused = 34,   // a write was refused; what holds follows
+  farewell = 35,  // reason, text: the hub ends the connection
 };
 
 inline constexpr uint32_t kWireMagic = 0x31585952;  // "RYX1"
-inline constexpr uint32_t kWireVersion = 1;
+inline constexpr uint32_t kWireVersion = 2;
+
+// Why a hub ends a connection.
+enum class Farewell : uint8_t {
+  brokeProtocol = 1,
+  notPermitted = 2,  // that name, for that user
+  nameTaken = 3,     // another one of that name is connected
+};
 
 // Item flags.
 inline constexpr uint8_t kItemWhole = 1;   // attributes that are not there have their defaults
@@ -52,7 +61,6 @@ inline constexpr size_t kFrameOfParticipant = 16 * 1024;
 inline constexpr size_t kSendAhead = 256 * 1024;   // unsent bytes past which nothing is encoded
 inline constexpr uint32_t kMaxHandles = 4u << 20;  // containers that one side may number
 inline constexpr uint32_t kMaxTypes = 4096;        // types that one side may declare
-inline constexpr uint32_t kMaxMounts = 4096;       // mounts of one participant
 inline constexpr size_t kMaxPath = 4096;           // bytes of a mount's path
 inline constexpr size_t kMaxTold = 16384;  // answers owed past which a participant is not read
 inline constexpr double kForcedCutSeconds = 0.02;  // a cut is forced when none came for so long

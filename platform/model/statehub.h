@@ -1,0 +1,28 @@
+// What the hub tells of its own connections: "statehub/client", by their numbers.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/qel/dir.h"
+
+namespace ryx::platform::Statehub {
+
+struct Client : EntityType<Client> {
+  static constexpr const char* kTypeName = "Statehub::Client";
+  Key<Name> key;  // the number in decimal, in the order of coming
+  Attr<"role", std::string> role;
+  Attr<"name", std::string> name;
+  Attr<"pid", uint32_t> pid;  // 0: unknown
+  Attr<"user", std::string> user;
+  Attr<"mount", std::vector<std::string>> mount;
+  Attr<"bytesSent", uint64_t> bytesSent;  // to it
+  Attr<"bytesReceived", uint64_t> bytesReceived;
+  Attr<"unsent", uint64_t> unsent;                  // bytes
+  Attr<"secondsClogged", uint32_t> secondsClogged;  // in all that its output could not go
+  Attr<"refusals", uint64_t> refusals;              // of its writes
+  Attr<"pastLimits", uint64_t> pastLimits;          // and of those, and of mounts, past its limits
+  Attr<"silent", bool> silent;                      // its heartbeat stays out
+};
+
+}  // namespace ryx::platform::Statehub

@@ -14,7 +14,7 @@ namespace {
 
 // Configuration that agents, operators and the switch side share, and that outlives the hub.
 WellKnown config(std::string_view path, const TypeInfo& (*type)()) {
-  return {.path = path, .type = type, .access = Access::shared, .persists = true};
+  return {.path = path, .type = type, .access = Access::shared, .persists = Persists::values};
 }
 
 }  // namespace
@@ -24,11 +24,11 @@ const std::vector<WellKnown>& wellKnown() {
       {.path = "daemon/agent/config",
        .type = &typeOf<Dir>,
        .access = Access::operators,
-       .persists = true},
+       .persists = Persists::entities},
       {.path = "daemon/agent/process",
        .type = &typeOf<Dir>,
        .access = Access::service,
-       .persists = true},
+       .persists = Persists::values},
       {"daemon/agent/purge", &typeOf<Dir>, Access::operators},
       {"daemon/service/process", &typeOf<Dir>, Access::service},
       {"daemon/service/status", &typeOf<Dir>, Access::service},

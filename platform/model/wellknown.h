@@ -18,6 +18,10 @@ enum class Access : uint8_t {
               // everything
 };
 
+// What there outlives the hub: of what the model marks persistent, the values that are no defaults;
+// or the entities themselves as well, whatever they hold.
+enum class Persists : uint8_t { nothing, values, entities };
+
 struct WellKnown {
   std::string_view path;
   const TypeInfo& (*type)();
@@ -27,8 +31,7 @@ struct WellKnown {
   uint8_t ownDepth = 1;
   // Other agents receive the directory level alone and not this one's entity.
   bool isPrivate = false;
-  // What the model marks persistent in there outlives the hub.
-  bool persists = false;
+  Persists persists = Persists::nothing;
   // The service that receives what the model marks secret there, besides its owner.
   std::string_view secretsTo = {};
 };

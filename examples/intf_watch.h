@@ -6,7 +6,7 @@
 //   show [INTF]                  the list again, or one of them
 //
 // It watches all interfaces, or those that it is given. What it counts it publishes: its status has
-// the keys "interfaces", "up" and "changes".
+// the keys "interfaces", "up" and "changes". It tells its options, and leaves when it is disabled.
 #ifndef RYX_EXAMPLES_INTF_WATCH_H
 #define RYX_EXAMPLES_INTF_WATCH_H
 
@@ -49,8 +49,20 @@ class intf_watch : public ryx::agent_handler, public ryx::intf_handler, public r
       if (mgr_->oper_status(*intf) == ryx::INTF_OPER_UP) up_.insert(*intf);
       show(*intf);
     }
+    for (auto name = agent_->agent_option_iter(); name; ++name)
+      on_agent_option(*name, agent_->agent_option(*name));
     if (commands_ >= 0) watch_readable(commands_, true);
     publish();
+  }
+
+  void on_agent_option(const std::string& name, const std::string& value) override {
+    out_ << "option " << name << " is '" << value << "'" << std::endl;
+  }
+  // There is nothing that it would have to clean up.
+  void on_agent_enabled(bool enabled) override {
+    if (enabled) return;
+    out_ << "disabled: leaving" << std::endl;
+    agent_->agent_shutdown_complete_is(true);
   }
 
   void on_intf_create(ryx::intf_id_t intf) override {

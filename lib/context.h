@@ -21,7 +21,8 @@ namespace ryx {
 
 namespace platform {
 class AgentContainer;
-}
+class TraceControl;
+}  // namespace platform
 
 // It outlives its sdk object, because managers live until the process exits.
 class sdk_context {
@@ -74,6 +75,7 @@ class sdk_context {
   platform::EntityManager* connection_;
   std::unique_ptr<platform::EntityManager> own_;
   std::unique_ptr<platform::Reconnection> reconnection_;
+  std::unique_ptr<platform::TraceControl> traces_;
   std::unique_ptr<platform::AgentContainer> container_;
   RawMounter mounter_{"mounter"};
   mount_mgr* mounts_ = nullptr;

@@ -18,7 +18,9 @@
 #include "platform/activity/activity.h"
 #include "platform/agent/container.h"
 #include "platform/agent/process_title.h"
+#include "platform/agent/trace_control.h"
 #include "platform/base/check.h"
+#include "platform/statehub/local.h"
 #include "platform/trace/trace.h"
 #include "ryx/mount.h"
 #include "ryx/panic.h"
@@ -134,6 +136,8 @@ void sdk_context::connectionIs(std::unique_ptr<platform::EntityManager> connecti
                      connection_->agentName().c_str(), why.c_str());
         std::exit(1);
       });
+  if (!platform::localSelected())
+    traces_ = std::make_unique<platform::TraceControl>(*connection_, connection_->agentName());
 }
 
 void sdk_context::containerIs(std::unique_ptr<platform::AgentContainer> container) {

@@ -15,7 +15,7 @@ fail() {
 cmake --install "$RYX_BINARY_DIR" --prefix "$prefix" >"$dir/log" 2>&1 || fail "$(cat "$dir/log")"
 cd "$prefix"
 strange=$(find . ! -type d -printf '%P\n' | grep -vE \
-  '^include/ryx/[a-z0-9_/]+\.h$|^lib[^ ]*/libryx\.so[.0-9]*$|^lib[^ ]*/ryx/feed_[a-z]+\.so$|^lib[^ ]*/cmake/Ryx/[^/]+\.cmake$|^lib[^ ]*/pkgconfig/ryx\.pc$|^bin/ryxd$' ||
+  '^include/ryx/[a-z0-9_/]+\.h$|^lib[^ ]*/libryx\.so[.0-9]*$|^lib[^ ]*/ryx/feed_[a-z]+\.so$|^lib[^ ]*/cmake/Ryx/[^/]+\.cmake$|^lib[^ ]*/pkgconfig/ryx\.pc$|^bin/ryxd?$|^lib/systemd/system/ryxd\.service$|^share/doc/[^/]+/ryxd\.toml$' ||
   true)
 [ -z "$strange" ] || fail "installed, but no part of the SDK: $strange"
 headers=$(cd include && find ryx -name '*.h' -printf '%P\n' | sort)

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "platform/base/api.h"
@@ -15,6 +16,7 @@ class Name {
   Name() = default;
   Name(std::string_view text) : entry_(text.empty() ? nullptr : intern(text)) {}
   Name(const char* text) : Name(std::string_view(text)) {}
+  Name(const std::string& text) : Name(std::string_view(text)) {}
   Name(const Name& other) : entry_(other.entry_) {
     if (entry_) ++entry_->refs;
   }

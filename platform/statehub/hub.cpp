@@ -304,6 +304,7 @@ class Hub::Session final : public Writer,
     heartbeat_ = static_cast<double>(heartbeat) / 1000;
     greeted_ = true;
     ++hub_.counters_.accepted;
+    if (hub_.participantsChanged_) hub_.participantsChanged_();
     controls_.u8(static_cast<uint8_t>(Op::hello));
     controls_.varint(kWireMagic);
     controls_.varint(kWireVersion);
@@ -626,6 +627,7 @@ void Hub::gone(Session& session) {
   if (at == sessions_.end()) return;
   std::unique_ptr<Session> last = std::move(*at);
   sessions_.erase(at);
+  if (participantsChanged_) participantsChanged_();
 }
 
 }  // namespace ryx::platform

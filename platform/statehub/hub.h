@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -86,8 +87,11 @@ class RYX_PRIVATE Hub : public Origins, private Timer {
   // Without one (null) everybody may come, by whatever name. It outlives the hub.
   void doorkeeperIs(Doorkeeper* keeper) { doorkeeper_ = keeper; }
   void limitsAre(const HubLimits& limits) { limits_ = limits; }
-  // Those that said who they are.
+  // Those that said who they are; and who is told when one comes or has gone.
   std::vector<HubParticipant> participants() const;
+  void onParticipantsIs(std::function<void()> changed) {
+    participantsChanged_ = std::move(changed);
+  }
   // Ends the connection of that number.
   void drop(uint64_t number);
   size_t sessions() const { return sessions_.size(); }
@@ -120,6 +124,7 @@ class RYX_PRIVATE Hub : public Origins, private Timer {
   HubCounters counters_;
   HubLimits limits_;
   Doorkeeper* doorkeeper_ = nullptr;
+  std::function<void()> participantsChanged_;
 };
 
 }  // namespace ryx::platform

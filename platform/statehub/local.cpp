@@ -51,24 +51,39 @@ bool localSelected() {
   return std::getenv("STATEHUBLOCAL") != nullptr;
 }
 
-std::unique_ptr<Feed> loadFeed(Tree& tree, const std::string& name, const std::string& argument,
-                               std::string* why) {
+std::string FeedModule::load(const std::string& name) {
   const std::string file = feedDirectory() + "/feed_" + name + ".so";
-  const auto fault = [&](const std::string& what) {
-    *why = "the feed \"" + name + "\" (" + file + ") " + what;
-    return nullptr;
-  };
+  what_ = "the feed \"" + name + "\" (" + file + ") ";
   void* module = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!module) return fault(std::string("cannot be loaded: ") + dlerror());
+  if (!module) return what_ + "cannot be loaded: " + dlerror();
   auto* abi = static_cast<const char*>(dlsym(module, kFeedAbiSymbol));
   if (!abi || std::string_view(abi) != kPlatformAbi)
-    return fault("is of another build of libryx.so");
-  auto start = reinterpret_cast<FeedStart>(dlsym(module, kFeedStartSymbol));
-  if (!start) return fault("has no entry ryxFeedStart");
+    return what_ + "is of another build of libryx.so";
+  start_ = dlsym(module, kFeedStartSymbol);
+  if (!start_) return what_ + "has no entry ryxFeedStart";
+  places_ = static_cast<const char* const*>(dlsym(module, kFeedPlacesSymbol));
+  return "";
+}
+
+bool FeedModule::worksOn(std::string_view path) const {
+  for (const char* const* at = places_; at && *at; ++at)
+    if (path.starts_with(*at)) return true;
+  return false;
+}
+
+std::unique_ptr<Feed> FeedModule::start(Tree& tree, const std::string& argument,
+                                        std::string* why) const {
   std::string error;
-  std::unique_ptr<Feed> feed(start(tree, argument, &error));
-  if (!feed) fault("does not start: " + error);
+  std::unique_ptr<Feed> feed(reinterpret_cast<FeedStart>(start_)(tree, argument, &error));
+  if (!feed) *why = what_ + "does not start: " + error;
   return feed;
+}
+
+std::unique_ptr<Feed> loadFeed(Tree& tree, const std::string& name, const std::string& argument,
+                               std::string* why) {
+  FeedModule module;
+  *why = module.load(name);
+  return why->empty() ? module.start(tree, argument, why) : nullptr;
 }
 
 std::string startFeed(const std::string& feed) {

@@ -29,10 +29,29 @@ class Feed {
   [[nodiscard]] virtual std::string command(std::string_view) {
     return "this feed takes no commands";
   }
+  // It stands in the place of one that is no more: what that one left in the state, and this one
+  // does not know, goes.
+  virtual void takeOver() {}
 };
 
-// Loads a feed's module and starts it on `tree`, with what stands behind its name and a colon.
-// Null, with `why` set, when it cannot be loaded or does not start. The module stays loaded.
+// A feed's module. It stays loaded.
+class RYX_PRIVATE FeedModule {
+ public:
+  // Empty, or why it cannot be loaded.
+  [[nodiscard]] std::string load(const std::string& name);
+  // Whether the feed reads or writes what is at that well-known path.
+  bool worksOn(std::string_view path) const;
+  // Starts one on `tree`, with what stands behind its name and a colon. Null, with `why` set, when
+  // it does not start.
+  std::unique_ptr<Feed> start(Tree& tree, const std::string& argument, std::string* why) const;
+
+ private:
+  std::string what_;  // the feed, for messages
+  void* start_ = nullptr;
+  const char* const* places_ = nullptr;
+};
+
+// Loads a feed's module and starts it.
 RYX_PRIVATE std::unique_ptr<Feed> loadFeed(Tree& tree, const std::string& name,
                                            const std::string& argument, std::string* why);
 
@@ -47,6 +66,8 @@ RYX_PRIVATE void startLocalFeed();
 // The module's entry. Null, with `error` set, when it cannot start.
 using FeedStart = Feed* (*)(Tree& tree, const std::string& argument, std::string* error);
 inline constexpr const char* kFeedStartSymbol = "ryxFeedStart";
+// What the well-known paths that it works on begin with; a null pointer ends them.
+inline constexpr const char* kFeedPlacesSymbol = "ryxFeedPlaces";
 // Says that module and library are of one build.
 inline constexpr const char* kFeedAbiSymbol = "ryxFeedAbi";
 RYX_PRIVATE extern const char kPlatformAbi[];

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace ryx::feeds {
 namespace {
@@ -107,6 +108,22 @@ void eraseIntf(Tree& tree, IntfId intf) {
   IntfEntities there = findIntf(tree, intf);
   if (there.status) EntityOps::remove(*there.status);
   if (there.config) EntityOps::remove(*there.config);
+}
+
+void eraseIntfsBut(Tree& tree, const std::function<bool(IntfId)>& keep) {
+  std::vector<IntfId> gone;
+  const auto look = [&](auto& self, Entity& at) -> void {
+    for (const CollectionInfo& c : at.type().collections)
+      for (CollectionIterator it(at.collection(c)); it; it.next()) {
+        if (auto* status = it.get()->as<Interface::IntfStatus>()) {
+          if (!keep(status->key())) gone.push_back(status->key());
+        } else {
+          self(self, *it.get());
+        }
+      }
+  };
+  if (Entity* statuses = tree.find("interface/status")) look(look, *statuses);
+  for (const IntfId intf : gone) eraseIntf(tree, intf);
 }
 
 }  // namespace ryx::feeds

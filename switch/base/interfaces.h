@@ -8,6 +8,8 @@
 // own. Null0 and tunnels have none.
 #pragma once
 
+#include <functional>
+
 #include "platform/model/interface.h"
 #include "platform/qel/dir.h"
 
@@ -29,5 +31,8 @@ IntfEntities createIntf(platform::Tree& tree, platform::IntfId intf);
 
 // Takes both entities away. The directories stay.
 void eraseIntf(platform::Tree& tree, platform::IntfId intf);
+
+// Takes the entities of all interfaces away that have a status and of which `keep` is false.
+void eraseIntfsBut(platform::Tree& tree, const std::function<bool(platform::IntfId)>& keep);
 
 }  // namespace ryx::feeds

@@ -26,6 +26,8 @@ class LinuxFeed final : public Feed {
     return error;
   }
 
+  void takeOver() override { links_->takeOver(); }
+
  private:
   std::unique_ptr<ryx::kernel::KernelLinks> links_;
 };
@@ -33,6 +35,8 @@ class LinuxFeed final : public Feed {
 }  // namespace
 
 extern "C" RYX_PRIVATE const char ryxFeedAbi[] = RYX_VERSION;
+
+extern "C" RYX_PRIVATE const char* const ryxFeedPlaces[] = {"interface/", "lag/", nullptr};
 
 extern "C" RYX_PRIVATE Feed* ryxFeedStart(Tree& tree, const std::string& argument,
                                           std::string* error) {

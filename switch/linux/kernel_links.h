@@ -33,6 +33,7 @@ class KernelLinks final : private NetlinkSocket::Client, private LinkWriter {
   ~KernelLinks();
 
   const Links& links() const { return links_; }
+  void takeOver() { links_.takeOver(); }
   const NetlinkSocket& socket() const { return *socket_; }
 
  private:

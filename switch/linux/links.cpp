@@ -38,11 +38,14 @@ class Links::Port final : public EntityReactor, public std::enable_shared_from_t
         up_(link.up),
         alias_(link.alias),
         device_(link.name) {
-    setEnabled(link.up);
-    config_->description.set(link.alias);
+    if (config_->adminEnabledStateLocal() == 0) setEnabled(link.up);
+    if (config_->description().empty()) config_->description.set(link.alias);
     showStatus(link);
     follow(*config_, config_->adminEnabledStateLocal.bit() | config_->description.bit());
   }
+
+  // What was configured before the interface came goes to its device.
+  void begin() { onAttributes(0); }
 
   // Its entities stand in the tree still.
   bool whole() const { return config_->alive() && status_->alive(); }
@@ -195,6 +198,10 @@ void Links::dumpEnds() {
   for (const auto& [intf, index] : waiting_) tellConflict(devices_.at(index));
 }
 
+void Links::takeOver() {
+  feeds::eraseIntfsBut(tree_, [this](IntfId intf) { return owners_.count(intf) != 0; });
+}
+
 bool Links::someAreDown() const {
   return std::any_of(devices_.begin(), devices_.end(),
                      [](const auto& entry) { return entry.second.port && !entry.second.link.up; });
@@ -224,6 +231,7 @@ void Links::claim(Device& device) {
   RYX_TRACE(facility(), 5, device.link.name << " is " << device.intf.toString());
   owners_[device.intf] = device.link.index;
   device.port = std::make_shared<Port>(*this, feeds::createIntf(tree_, device.intf), device.link);
+  device.port->begin();
 }
 
 // It is no interface from now on, and another device that maps to the one it was takes that over.

@@ -79,6 +79,9 @@ class Links {
   void dumped(const Link& link);
   void dumpEnds();
 
+  // The tree's interfaces that are no devices go.
+  void takeOver();
+
   size_t interfaces() const { return owners_.size(); }
   // The device of some interface is administratively down.
   bool someAreDown() const;

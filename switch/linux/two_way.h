@@ -1,6 +1,7 @@
 // One attribute that is kept the same in the state and in the kernel, and its rule of authority:
 //
-//  - At the start the kernel's value is taken over.
+//  - At the start the kernel's value is taken over, unless the state has one that is no default:
+//    what was configured before goes to the kernel.
 //  - What an agent writes goes to the kernel. Until the kernel has answered, what others do there
 //    does not go to the state: when both change it at once, the agent's configuration wins.
 //  - Otherwise, what others change in the kernel goes to the state.

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "platform/statehub/local.h"
+#include "switch/sim/commands.h"
 #include "switch/sim/input.h"
 #include "switch/sim/sim.h"
 
@@ -13,7 +14,7 @@ using ryx::platform::Tree;
 
 class SimFeed final : public Feed {
  public:
-  explicit SimFeed(Tree& tree) : sim_(tree) {}
+  explicit SimFeed(Tree& tree) : sim_(tree), commands_(sim_, tree) {}
 
   // The source to follow first: a feed that does not start leaves no interfaces behind.
   std::string start(const std::string& scenario) {
@@ -24,15 +25,20 @@ class SimFeed final : public Feed {
     return error;
   }
   std::string command(std::string_view line) override { return sim_.command(line); }
+  void takeOver() override { sim_.takeOver(); }
 
  private:
   ryx::sim::Sim sim_;
+  ryx::sim::Commands commands_;
   std::unique_ptr<ryx::sim::Input> input_;
 };
 
 }  // namespace
 
 extern "C" RYX_PRIVATE const char ryxFeedAbi[] = RYX_VERSION;
+
+extern "C" RYX_PRIVATE const char* const ryxFeedPlaces[] = {"interface/", "lag/", "switch/sim/",
+                                                            nullptr};
 
 extern "C" RYX_PRIVATE Feed* ryxFeedStart(Tree& tree, const std::string& argument,
                                           std::string* error) {

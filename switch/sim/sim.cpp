@@ -107,6 +107,10 @@ std::string Sim::deleteInterface(const Arguments& arguments) {
   return {};
 }
 
+void Sim::takeOver() {
+  feeds::eraseIntfsBut(tree_, [this](IntfId intf) { return ports_.count(intf) != 0; });
+}
+
 std::string Sim::setOperStatus(const Arguments& arguments) {
   auto at = ports_.find(arguments[0].intf);
   if (at == ports_.end()) return unknown(arguments[0].intf);

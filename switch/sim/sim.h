@@ -34,6 +34,9 @@ class Sim {
   // and what was expected, and nothing has changed.
   [[nodiscard]] std::string command(std::string_view line);
 
+  // The tree's interfaces that are none of its own go.
+  void takeOver();
+
   size_t interfaces() const { return ports_.size(); }
 
  private:

@@ -1,0 +1,182 @@
+#include "switch/hub/config.h"
+
+#define TOML_EXCEPTIONS 0
+#define TOML_ENABLE_FORMATTERS 0
+#include <arpa/inet.h>
+#include <grp.h>
+#include <pwd.h>
+#include <toml++/toml.h>
+
+#include <algorithm>
+#include <functional>
+
+namespace ryx::hub {
+namespace {
+
+// One table of the file, whose keys are asked for one after another; what was not asked for at the
+// end is unknown.
+class Table {
+ public:
+  Table(const toml::table* table, std::string name, const std::string& file, std::string* faults)
+      : table_(table), name_(std::move(name)), file_(file), faults_(faults) {}
+
+  void text(const char* key, std::string* to) {
+    if (const toml::node* n = node(key)) {
+      if (auto value = n->value_exact<std::string>(); value && !value->empty())
+        *to = *value;
+      else
+        fault(*n, key, "expected a text in double quotes that is not empty");
+    }
+  }
+  template <class T>
+  void number(const char* key, int64_t min, int64_t max, T* to) {
+    if (const toml::node* n = node(key)) {
+      if (auto value = n->value_exact<int64_t>(); value && *value >= min && *value <= max)
+        *to = static_cast<T>(*value);
+      else
+        fault(*n, key,
+              "expected a number from " + std::to_string(min) + " to " + std::to_string(max));
+    }
+  }
+  using Check = std::function<std::string(const std::string&)>;
+  void list(const char* key, const Check& check, std::vector<std::string>* to) {
+    if (const toml::node* n = node(key)) elements(*n, key, check, to);
+  }
+  Table table(const char* key) {
+    const toml::node* n = node(key);
+    if (n && !n->is_table()) fault(*n, key, "expected a table, [" + in(key) + "]");
+    return {n ? n->as_table() : nullptr, in(key), file_, faults_};
+  }
+  // Every key of the table, each with a list.
+  void lists(const Check& check, const Check& checkKey,
+             std::map<std::string, std::vector<std::string>>* to) {
+    if (!table_) return;
+    for (auto&& [k, n] : *table_) {
+      const std::string key(k.str());
+      asked_.push_back(key);
+      if (std::string what = checkKey(key); !what.empty()) fault(n, key, what);
+      elements(n, key, check, &(*to)[key]);
+    }
+  }
+  bool has(const char* key) const { return table_ && table_->contains(key); }
+  void fault(const char* key, const std::string& what) { fault(*table_->get(key), key, what); }
+
+  ~Table() {
+    if (!table_) return;
+    std::string known;
+    for (const std::string& key : asked_) known += (known.empty() ? "" : ", ") + key;
+    for (auto&& [k, n] : *table_)
+      if (std::find(asked_.begin(), asked_.end(), k.str()) == asked_.end())
+        fault(n, k.str(), "unknown; expected one of: " + known);
+  }
+  Table(const Table&) = delete;
+
+ private:
+  std::string in(std::string_view key) const {
+    return name_.empty() ? std::string(key) : name_ + "." + std::string(key);
+  }
+  const toml::node* node(const char* key) {
+    asked_.push_back(key);
+    return table_ ? table_->get(key) : nullptr;
+  }
+  void elements(const toml::node& n, std::string_view key, const Check& check,
+                std::vector<std::string>* to) {
+    const toml::array* array = n.as_array();
+    if (!array) return fault(n, key, "expected a list of texts, [\"...\", ...]");
+    for (const toml::node& element : *array) {
+      auto value = element.value_exact<std::string>();
+      std::string what = value ? check(*value) : "expected a text in double quotes";
+      if (what.empty())
+        to->push_back(*value);
+      else
+        fault(element, key, what);
+    }
+  }
+  void fault(const toml::node& at, std::string_view key, const std::string& what) {
+    *faults_ +=
+        file_ + ":" + std::to_string(at.source().begin.line) + ": " + in(key) + ": " + what + "\n";
+  }
+
+  const toml::table* table_;
+  const std::string name_;
+  const std::string& file_;
+  std::string* faults_;
+  std::vector<std::string> asked_;
+};
+
+std::string faultOfUser(const std::string& name) {
+  if (name.starts_with("@"))
+    return ::getgrnam(name.c_str() + 1) ? "" : "there is no group \"" + name.substr(1) + "\"";
+  return ::getpwnam(name.c_str())
+             ? ""
+             : "there is no user \"" + name + "\"; expected a user, or a group behind an @";
+}
+
+std::string faultOfAgent(const std::string& name) {
+  if (name == "*") return "";
+  const bool good = !name.empty() && name.size() <= 32 &&
+                    std::all_of(name.begin(), name.end(),
+                                [](unsigned char c) { return std::isalnum(c) || c == '_'; });
+  return good ? "" : "expected an agent's name: 1 to 32 letters, digits and underscores; or \"*\"";
+}
+
+std::string faultOfPeer(const std::string& text) {
+  in_addr address;
+  const bool loopback =
+      ::inet_pton(AF_INET, text.c_str(), &address) == 1 && (ntohl(address.s_addr) >> 24) == 127;
+  return loopback ? "" : "expected an IPv4 address of the loopback interface, as 127.0.0.1";
+}
+
+}  // namespace
+
+std::string nameOfService(std::string_view service) {
+  return std::string(service.substr(0, service.find(':')));
+}
+
+std::string faultOfService(std::string_view service) {
+  const std::string name = nameOfService(service);
+  if (name == "sim" || service == "linux") return "";
+  return "\"" + std::string(service) + "\"; expected \"linux\", \"sim\" or \"sim:SCENARIO\"";
+}
+
+std::string Config::take(std::string_view text, const std::string& name) {
+  const toml::parse_result parsed = toml::parse(text);
+  if (!parsed)
+    return name + ":" + std::to_string(parsed.error().source().begin.line) + ": " +
+           std::string(parsed.error().description()) + "; expected TOML (https://toml.io)\n";
+  std::string faults;
+  {
+    Table top(&parsed.table(), "", name, &faults);
+    top.text("socket", &socket);
+    top.text("state", &state);
+    top.list(
+        "services", [](const std::string& s) { return faultOfService(s); }, &services);
+    {
+      Table access = top.table("access");
+      access.list("operators", faultOfUser, &operators);
+      access.table("agents").lists(faultOfUser, faultOfAgent, &agents);
+    }
+    {
+      Table tcp = top.table("tcp");
+      tcp.number("port", 1, 65535, &port);
+      tcp.list("peers", faultOfPeer, &peers);
+      tcp.list("agents", faultOfAgent, &peerAgents);
+      if (tcp.has("port") && peers.empty() && !tcp.has("peers"))
+        tcp.fault("port", "needs a list of peers beside it, as peers = [\"127.0.0.1\"]");
+    }
+    {
+      Table of = top.table("limits");
+      of.number("entities", 1, INT64_MAX, &limits.entities);
+      of.number("bytes", 1, INT64_MAX, &limits.bytes);
+      of.number("mounts", 1, 1'000'000, &limits.mounts);
+    }
+    {
+      Table of = top.table("agents");
+      of.number("stop-seconds", 0, 3600, &stopSeconds);
+      of.number("kill-seconds", 1, 3600, &killSeconds);
+    }
+  }
+  return faults;
+}
+
+}  // namespace ryx::hub

@@ -1,0 +1,219 @@
+// The operator's command, beside a real server.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "tests/support/program.h"
+#include "tests/support/temp_dir.h"
+
+namespace ryx {
+namespace {
+
+using nlohmann::json;
+using test::Program;
+
+const std::string kBinary = RYX_BINARY_DIR "/bin/";
+const std::string kAgent = RYX_BINARY_DIR "/examples/intf_watch";
+
+class RyxTest : public testing::Test {
+ protected:
+  RyxTest() {
+    ::unsetenv("STATEHUBLOCAL");
+    ::unsetenv("RYX_SIM_INPUT");
+    std::ofstream(directory_ / "scenario")
+        << "interface-add Ethernet1 eth1\noper-status Ethernet1 1\n"
+           "interface-add Ethernet3/1\ninterface-add Port-Channel10\n";
+    ryxd_ = std::make_unique<Program>(
+        std::vector<std::string>{kBinary + "ryxd", "--statehubsockname=" + socket_,
+                                 "--state=" + (directory_ / "state").string(),
+                                 "--service=sim:" + (directory_ / "scenario").string()});
+    ryxd_->line("listening");
+  }
+  ~RyxTest() override { EXPECT_EQ(0, ryxd_->kill(SIGTERM)); }
+
+  std::vector<std::string> words(const std::vector<std::string>& command) const {
+    std::vector<std::string> all = {kBinary + "ryx", "--statehubsockname=" + socket_};
+    all.insert(all.end(), command.begin(), command.end());
+    return all;
+  }
+  // What it prints; `status` is what it has to end with.
+  std::string ryx(const std::vector<std::string>& command, int status = 0) {
+    Program program(words(command));
+    const std::string text = program.rest();
+    EXPECT_EQ(status, program.end()) << text;
+    return text;
+  }
+  json jsonOf(const std::vector<std::string>& command) {
+    const std::string text = ryx(command);
+    json parsed = json::parse(text, nullptr, false);
+    EXPECT_FALSE(parsed.is_discarded()) << text;
+    return parsed;
+  }
+  // Until the table of agents says that.
+  json agentWhen(const std::string& name, const std::string& key, const json& value) {
+    for (int i = 0; i < 300; ++i) {
+      json one = jsonOf({"agent", "show", name, "--json"});
+      if (one[key] == value) return one;
+    }
+    ADD_FAILURE() << "the agent " << name << " never had " << key << " " << value;
+    return {};
+  }
+
+  test::TempDir directory_;
+  const std::string socket_ = directory_ / "statehub";
+  std::unique_ptr<Program> ryxd_;
+};
+
+TEST_F(RyxTest, LooksAtTheState) {
+  EXPECT_EQ(
+      "name    type      below\n"
+      "config  Qel::Dir  3\n"
+      "status  Qel::Dir  3\n",
+      ryx({"ls", "/interface/"}));
+  EXPECT_EQ(
+      "/interface/status/eth/phy/slice/1  (Interface::EthPhyIntfStatusDir)\n"
+      "key        operStatus  deviceName\n"
+      "Ethernet1  1           eth1\n"
+      "\n"
+      "/interface/status/eth/phy/slice/3  (Interface::EthPhyIntfStatusDir)\n"
+      "key          operStatus\n"
+      "Ethernet3/1  2\n",
+      ryx({"show", "/interface/status/eth/phy"}));
+  EXPECT_EQ(
+      "/interface/status/eth/phy/slice/3/Ethernet3/1  (Interface::EthPhyIntfStatus)\n"
+      "  operStatus: 2\n"
+      "  deviceName: \n",
+      ryx({"show", "interface/status/eth/phy/slice/3/Ethernet3/1"}));
+  const json lag = jsonOf({"show", "/interface/status/eth/lag", "--json"});
+  ASSERT_EQ(1u, lag["intf"].size());
+  EXPECT_EQ("Port-Channel10", lag["intf"][0]["@key"]);
+  EXPECT_EQ(3u, jsonOf({"ls", "/interface/config", "--json"}).size());
+  const json clients = jsonOf({"clients", "--json"});
+  ASSERT_LE(1u, clients.size());
+  EXPECT_EQ("service", clients[0]["role"]);
+  EXPECT_EQ("sim", clients[0]["name"]);
+  EXPECT_NE(std::string::npos, ryx({"service"}).find("sim   running  yes"));
+}
+
+TEST_F(RyxTest, WatchesAndSets) {
+  const std::string port = "/interface/config/eth/phy/slice/1/Ethernet1";
+  Program watch(words({"watch", port}));
+  EXPECT_EQ(" created " + port, watch.line("created").substr(12));
+  ryx({"set", port, "description=to the \"core\"", "adminEnabledStateLocal=2"});
+  EXPECT_EQ(
+      " changed " + port + " adminEnabledStateLocal=0 -> 2 description= -> to the \\\"core\\\"",
+      watch.line("changed").substr(12));
+  ryx({"sim", "interface-del", "Ethernet1"});
+  EXPECT_EQ(" deleted " + port, watch.line("deleted").substr(12));
+  EXPECT_EQ(0, watch.kill(SIGINT));
+  Program lines(words({"watch", "/interface/status/eth/lag", "--json"}));
+  const json line = json::parse(lines.next(), nullptr, false);
+  EXPECT_EQ("/interface/status/eth/lag/Port-Channel10", line["path"]);
+  EXPECT_EQ(2, line["entity"]["operStatus"]);
+  EXPECT_EQ(0, lines.kill(SIGTERM));
+}
+
+TEST_F(RyxTest, RunsAnAgent) {
+  ryx({"agent", "add", "watcher", "--exec", kAgent, "--option", "color=blue",
+       "--argument=Ethernet1", "--option=size=a=b"});
+  EXPECT_EQ("name     enabled  state    connected  pid  restarts  program" +
+                std::string(kAgent.size() - 5, ' ') + "note\n" +
+                "watcher  no       stopped  no         -    0         " + kAgent + "\n",
+            ryx({"agent", "show"}));
+  ryx({"agent", "enable", "watcher"});
+  json watcher = agentWhen("watcher", "connected", true);
+  EXPECT_EQ("running", watcher["state"]);
+  EXPECT_EQ((json{{"color", "blue"}, {"size", "a=b"}}), watcher["options"]);
+  agentWhen("watcher", "status", {{"changes", "1"}, {"interfaces", "1"}, {"up", "1"}});
+  ryx({"agent", "option", "watcher", "color=red"});
+  ryxd_->line("option color is 'red'");
+  ryx({"agent", "option", "watcher", "--delete", "color", "size"});
+  ryxd_->line("option color is ''");
+  EXPECT_NE(std::string::npos, ryx({"agent", "show", "watcher"}).find("options: none\nstatus:\n"));
+  EXPECT_EQ("off\n", ryx({"trace", "watcher"}));
+  ryx({"trace", "watcher", "RyxSdkAgent/7"});
+  EXPECT_EQ("RyxSdkAgent/7\n", ryx({"trace", "watcher"}));
+  ryx({"agent", "option", "watcher", "shape=round"});
+  ryxd_->line("RyxSdkAgent/7");
+  ryx({"trace", "watcher", "off"});
+  EXPECT_NE(std::string::npos,
+            ryx({"agent", "purge", "watcher"}, 1).find("the agent is running (process "));
+  ryx({"agent", "disable", "watcher"});
+  ryxd_->line("disabled: leaving");
+  agentWhen("watcher", "state", "stopped");
+  ryx({"agent", "purge", "watcher"});
+  EXPECT_EQ(json::object(), jsonOf({"agent", "show", "watcher", "--json"})["status"]);
+  ryx({"agent", "remove", "watcher"});
+  EXPECT_EQ(json::array(), jsonOf({"agent", "show", "--json"}));
+}
+
+TEST_F(RyxTest, EachMistakeIsTold) {
+  const std::string port = "/interface/config/eth/phy/slice/1/Ethernet1";
+  const std::string plain = directory_ / "scenario";
+  ryx({"agent", "add", "there"});
+  const struct {
+    std::vector<std::string> words;
+    int status;
+    std::string told;
+  } mistakes[] = {
+      {{}, 2, "ryx --help"},
+      {{"sho", "/"}, 2, "there is no command \"sho\"; did you mean show?"},
+      {{"agent", "ad", "x"}, 2, "there is no command \"ad\"; did you mean add?"},
+      {{"show"}, 2, "PATH is required"},
+      {{"show", "/", "--jason"}, 2, "--jason"},
+      {{"show", "/interface/nix"},
+       1,
+       "nothing stands at /interface/nix; /interface has config, status"},
+      {{"show", port + "0"}, 1, "has Ethernet1"},
+      {{"set", port, "description"}, 2, "\"description\"; expected ATTRIBUTE=VALUE"},
+      {{"set", port, "descriptio=x"},
+       2,
+       "has no attribute \"descriptio\"; expected one of: adminEnabled"},
+      {{"set", port, "description=x", "adminEnabledStateLocal=300"}, 2, "out of its range"},
+      {{"set", port, "adminEnabledStateLocal=on"}, 2, "expected a number"},
+      {{"set", "/daemon/agent/config/there", "enabled=yes"}, 2, "expected true or false"},
+      {{"set", "/daemon/agent/config/there", "argument=x"},
+       2,
+       "it is a list; expected an attribute"},
+      {{"set", "/interface/status/eth/phy/slice/1/Ethernet1", "operStatus=2"},
+       1,
+       "it is not an operator's to write"},
+      {{"agent", "add", "a-b"}, 2, "an agent's name has no '-'"},
+      {{"agent", "add", "a.b"}, 2, "expected an agent's name: 1 to 32 letters"},
+      {{"agent", "add", "there"}, 1, "there is an agent \"there\" already"},
+      {{"agent", "add", "x", "--exec=/no/such"}, 1, "there is no program /no/such"},
+      {{"agent", "add", "x", "--exec=" + plain}, 1, "cannot be executed"},
+      {{"agent", "add", "x", "--option=color"}, 2, "\"color\"; expected an option as KEY=VALUE"},
+      {{"agent", "add", "x", "--option=" + std::string(1025, 'k') + "=v"}, 2, "at most 1024"},
+      {{"agent", "add", "x", "--enable"}, 2, "--enable needs a program to run"},
+      {{"agent", "enable", "x"}, 1, "there is no agent \"x\"; ryx agent show lists"},
+      {{"agent", "remove", "x"}, 1, "there is no agent \"x\""},
+      {{"agent", "show", "x"}, 1, "there is no agent \"x\""},
+      {{"agent", "option", "there", "--delete", "no"}, 1, "the agent has no option \"no\""},
+      {{"trace", "there", "Foo/12"}, 2, "Foo/12"},
+      {{"sim", "interface-ad", "Ethernet9"},
+       1,
+       "unknown command \"interface-ad\"; expected one of"},
+      {{"--statehubsockname=/no/such/socket", "ls"},
+       3,
+       "no server at the socket /no/such/socket (No such file or directory)\nStart one with ryxd"},
+  };
+  for (const auto& mistake : mistakes) {
+    const std::string told = ryx(mistake.words, mistake.status);
+    EXPECT_NE(std::string::npos, told.find(mistake.told)) << told << " instead of " << mistake.told;
+  }
+  EXPECT_NE(std::string::npos, ryx({"show", port}).find("description: \n")) << "all or nothing";
+  EXPECT_EQ(1u, jsonOf({"agent", "show", "--json"}).size());
+  EXPECT_NE(std::string::npos, ryx({"agent", "--help"}).find("option"));
+  EXPECT_NE(std::string::npos, ryx({"show", "--help"}).find("Example: ryx show"));
+}
+
+}  // namespace
+}  // namespace ryx

@@ -10,6 +10,7 @@
 #include <iterator>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/activity/activity.h"
@@ -109,11 +110,17 @@ TEST_F(KeeperTest, KeepsWhatTheModelMarks) {
     auto keeper = start(tree);
     ASSERT_TRUE(keeper) << error;
     EXPECT_TRUE(told.empty());
+    time.advance(1);
+    tree.find<Dir>("daemon/agent/config")->entry.create<GenericAgent::Config>("bare");
+    activity().run(0);
+    activity().run(0);
+    while (keeper->writes() == 0) std::this_thread::yield();  // the first change goes at once
     fill(tree);
     activity().run(0);
-    EXPECT_EQ(0u, keeper->writes());
+    EXPECT_EQ(1u, keeper->writes());
     time.advance(Keeper::kGatherSeconds);
-    activity().run(0);  // from here on the thread is at it
+    activity().run(0);
+    while (keeper->writes() == 1) std::this_thread::yield();  // those right behind it together
     // What does not persist is no reason to write.
     tree.find<GenericAgent::Process>("daemon/agent/process/a")->state.set("stopped");
     time.advance(1);

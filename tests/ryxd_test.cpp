@@ -263,7 +263,7 @@ TEST_F(RyxdTest, AnAgentThatWillNotLeaveIsMadeTo) {
   Operator op(socket_);
   const std::string script = directory_ / "stubborn";
   std::ofstream(script) << "#!/bin/sh\ntrap 'echo not yet' TERM\necho here $AGENT_PROCESS_NAME "
-                           "$STATEHUB_SOCKID_ARG_1\nwhile :; do sleep 1; done\n";
+                           "$STATEHUB_SOCKID_ARG_1\nwhile :; do sleep 0.1; done\n";
   ::chmod(script.c_str(), 0755);
   auto* config = op.config("stubborn");
   config->exec.set(script);

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -201,7 +202,7 @@ Keeper::~Keeper() {
 }
 
 void Keeper::changed() {
-  if (!armed()) armAt(clock().now() + kGatherSeconds);
+  if (!armed()) armAt(std::max(clock().now(), lastAt_ + kGatherSeconds));
 }
 
 void Keeper::saveNow() {
@@ -209,6 +210,7 @@ void Keeper::saveNow() {
   std::string bytes = stateBytes(tree_);
   if (bytes == last_) return;
   last_ = bytes;
+  lastAt_ = clock().now();
   {
     const std::lock_guard guard(mutex_);
     next_ = std::move(bytes);

@@ -34,7 +34,7 @@ std::string stateBytes(platform::Tree& tree);
 
 class Keeper final : private platform::JournalReactor, private platform::Timer {
  public:
-  // Changes that come within so many seconds are written at once.
+  // A change is written at once, unless the last writing was less than so many seconds ago.
   static constexpr double kGatherSeconds = 0.2;
   // A failure is told, and the same is tried again in so many.
   static constexpr int kRetrySeconds = 5;
@@ -61,7 +61,8 @@ class Keeper final : private platform::JournalReactor, private platform::Timer {
   platform::Tree& tree_;
   const std::string folder_;
   const int lock_;
-  std::string last_;  // what was handed over last
+  std::string last_;    // what was handed over last
+  double lastAt_ = 0;  // and when
 
   // Shared with the writing thread.
   std::mutex mutex_;

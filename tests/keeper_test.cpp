@@ -74,7 +74,7 @@ void expectFilled(Tree& tree) {
   ASSERT_TRUE(slice);
   EXPECT_EQ("uplink", slice->intf.find(intf("Ethernet1"))->description());
   EXPECT_FALSE(slice->intf.find(intf("Ethernet2"))) << "it comes with its interface";
-  EXPECT_FALSE(tree.find("routing/vrf/input/default")) << "routes return from their agents";
+  EXPECT_FALSE(tree.find("routing/vrf/input/default/RyxSdk-a")) << "routes return from their agents";
   EXPECT_FALSE(tree.find("daemon/agent/status/a"));
 }
 

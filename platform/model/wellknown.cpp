@@ -1,5 +1,7 @@
 #include "platform/model/wellknown.h"
 
+#include <string>
+
 #include "platform/model/acl.h"
 #include "platform/model/agent.h"
 #include "platform/model/interface.h"
@@ -71,6 +73,9 @@ void makeWellKnown(Tree& tree) {
   registerModel();
   for (const WellKnown& place : wellKnown())
     check(tree.make(place.path, place.type()) != nullptr, "a well-known place has its own type");
+  // The default VRF is always there; others come and go with the switch side.
+  for (const char* family : {"routing", "routing6"})
+    tree.make<Dir>(std::string(family) + "/vrf/input/default");
 }
 
 void registerModel() {

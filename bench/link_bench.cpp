@@ -38,7 +38,8 @@ struct Board {
   volatile int ready;
   volatile int stop;
   double started, arrived, mountStarted, mounted;
-  double hubMiB, hubMiBWithSecondReader, hubCpu, writerCpu, readerCpu, mountHubCpu, mountCpu;
+  double hubMiB, hubMiBEmpty, hubMiBWithSecondReader, readerMiB, readerMiBEmpty, hubCpu, writerCpu,
+      readerCpu, mountHubCpu, mountCpu;
   uint64_t bytes;
   double ends[16];
   uint32_t measured;
@@ -214,6 +215,7 @@ struct HubProcess {
     makeWellKnown(tree);
     tree.make<Dir>("routing/vrf/input/default");
     hub = std::make_unique<Hub>(tree);
+    hub->lingerIs(0.001);  // as ryxd does
   }
 };
 
@@ -223,6 +225,7 @@ void million(uint32_t count) {
   Processes all;
   all.add([&] {
     HubProcess h;
+    board->hubMiBEmpty = residentMiB();
     h.hub->accept(w.a);
     h.hub->accept(r.a);
     until([&] { return board->stage >= 2; });
@@ -237,10 +240,12 @@ void million(uint32_t count) {
   });
   all.add([&] {
     auto em = participant(r.b, "", kInputPath, "Qel::Dir", "r");
+    board->readerMiBEmpty = residentMiB();
     board->stage = 1;
     untilRoutes(*em, count);
     board->arrived = seconds();
     board->readerCpu = cpuSeconds();
+    board->readerMiB = residentMiB();
     board->stage = 2;
     wait(5);
   });
@@ -278,10 +283,13 @@ void million(uint32_t count) {
       rawStream(b.bytes), b.mountHubCpu, b.mountCpu);
   std::printf("hub memory: %.0f MiB (target 250 MiB); a further reader: %+.1f MiB (target 1 MiB)\n",
               b.hubMiB, b.hubMiBWithSecondReader - b.hubMiB);
+  const double mebibytes = 1048576.0 / count;
+  std::printf("  bytes a route: hub %.0f, reader %.0f\n", (b.hubMiB - b.hubMiBEmpty) * mebibytes,
+              (b.readerMiB - b.readerMiBEmpty) * mebibytes);
 }
 
-// --- many readers
-// ---------------------------------------------------------------------------------
+// --- coming back
+// ----------------------------------------------------------------------------------
 
 class Changes : public JournalReactor {
  public:
@@ -292,10 +300,63 @@ class Changes : public JournalReactor {
   void onEntity(Entity& e, Change) override { seen += static_cast<Route&>(e).tag() == 8; }
 };
 
-void fanOut(uint32_t count) {
-  constexpr int kReaders = 16;
+// The connections of a writer and of a reader die and are made anew, to the same hub or to one that
+// was started anew and has nothing. It ends when the reader has what the writer wrote last.
+void comeBack(uint32_t count, bool toNewHub) {
   reset();
-  std::vector<Pair> readers(kReaders);
+  Pair w, r, nextW, nextR;
+  Processes all;
+  all.add([&] {
+    auto h = std::make_unique<HubProcess>();
+    h->hub->accept(w.a);
+    h->hub->accept(r.a);
+    until([&] { return board->stage >= 2; });
+    h->hub->dropAll();
+    if (toNewHub) h = std::make_unique<HubProcess>();
+    board->started = seconds();
+    h->hub->accept(nextW.a);
+    h->hub->accept(nextR.a);
+    board->stage = 3;
+    until([&] { return board->stage >= 4; });
+  });
+  const auto returned = [](EntityManager& em, int fd) {
+    until([&] { return !em.connected() && board->stage >= 3; });
+    em.reconnected(fd);
+  };
+  all.add([&] {
+    close(w.a), close(w.b), close(r.a);
+    auto em = participant(r.b, "", kInputPath, "Qel::Dir", "r");
+    board->stage = 1;
+    untilRoutes(*em, count);
+    Changes changes(*routesOf(*em));
+    activity().run(0);
+    board->stage = 2;
+    returned(*em, nextR.b);
+    until([&] { return changes.seen >= 1; });
+    board->arrived = seconds();
+    board->stage = 4;
+  });
+  all.add([&] {
+    close(r.a), close(r.b), close(w.a);
+    auto em = participant(w.b, "bench", kInputPath, "Qel::Dir", "w");
+    wait(1);
+    writeRoutes(*em, count);
+    returned(*em, nextW.b);
+    routesOf(*em)->route.find(keyOf(0))->tag.set(8);
+    until([] { return board->stage >= 4; });
+  });
+  for (Pair* p : {&w, &r}) close(p->a), close(p->b);
+  all.join();
+  std::printf("a writer and a reader of %u routes come back to %s: %.3f s\n", count,
+              toNewHub ? "a new hub" : "the same hub", board->arrived - board->started);
+}
+
+// --- many readers
+// ---------------------------------------------------------------------------------
+
+void fanOut(uint32_t count, int many) {
+  reset();
+  std::vector<Pair> readers(static_cast<size_t>(many));
   Pair w;
   Processes all;
   all.add([&] {
@@ -304,11 +365,11 @@ void fanOut(uint32_t count) {
     for (Pair& p : readers) h.hub->accept(p.a);
     until([&] { return board->stage >= 2; });
     double before = cpuSeconds();
-    until([&] { return board->ready == 2 * kReaders; });
+    until([&] { return board->ready == 2 * many; });
     board->hubCpu = cpuSeconds() - before;
     board->stage = 3;
   });
-  for (int i = 0; i < kReaders; ++i)
+  for (int i = 0; i < many; ++i)
     all.add([&, i] {
       auto em = participant(readers[static_cast<size_t>(i)].b, "", kInputPath, "Qel::Dir", "r");
       untilRoutes(*em, count);
@@ -323,7 +384,7 @@ void fanOut(uint32_t count) {
   all.add([&] {
     auto em = participant(w.b, "bench", kInputPath, "Qel::Dir", "w");
     writeRoutes(*em, count);
-    until([] { return board->ready == kReaders; });
+    until([&] { return board->ready == many; });
     board->stage = 2;
     uint64_t before = em->bytesSent();
     board->started = seconds();
@@ -338,12 +399,13 @@ void fanOut(uint32_t count) {
   });
   all.join();
   Board b = *board;
-  double took = *std::max_element(b.ends, b.ends + kReaders) - b.started;
-  std::printf("%u changes to 16 readers, until the slowest has all: %.3f s (target 0.7 s)\n", count,
-              took);
+  double took = *std::max_element(b.ends, b.ends + many) - b.started;
+  std::printf("%u changes to %d readers, until the slowest has all: %.3f s%s\n", count, many, took,
+              many == 16 ? " (target 0.7 s)" : "");
   std::printf(
-      "  floor, the writer's bytes relayed raw to 16: %.3f s; processor time of the hub %.3f s\n",
-      rawRelay(b.bytes, kReaders), b.hubCpu);
+      "  floor, the writer's bytes relayed raw to as many: %.3f s; processor time of the hub %.3f "
+      "s\n",
+      rawRelay(b.bytes, many), b.hubCpu);
 }
 
 // --- one change
@@ -564,6 +626,7 @@ int main() {
   bool small = isSmall();
   if (!small) warmMemory(1280);
   million(small ? 10'000 : 1'000'000);
-  fanOut(small ? 2'000 : 200'000);
+  for (int readers : {1, 4, 16}) fanOut(small ? 2'000 : 200'000, readers);
+  for (bool toNewHub : {false, true}) comeBack(small ? 10'000 : 1'000'000, toNewHub);
   oneChange(small ? 200 : 20'000, small ? 10'000 : 1'000'000);
 }

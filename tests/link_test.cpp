@@ -512,6 +512,32 @@ TEST_F(LinkTest, ASecondConnectionUnderOneNameIsRefused) {
   EXPECT_EQ(1u, hub->sessions());
 }
 
+TEST_F(LinkTest, AnAnswerWaitsForCompany) {
+  hub->lingerIs(0.001);
+  Peer a = peer("a", {kLagConfig}), b = peer("b", {kLagConfig});
+  auto* mine = a.em->find<EthLagIntfConfigDir>("interface/config/eth/lag");
+  auto* others = b.em->find<EthLagIntfConfigDir>("interface/config/eth/lag");
+  mine->intf.create(lag(1))->description.set("x");
+  settle();
+  EXPECT_EQ("x", others->intf.find(lag(1))->description()) << "what was written does not wait";
+  EXPECT_LT(a.em->acknowledged(), a.em->batches());
+  time.advance(0.0005);
+  settle();
+  EXPECT_LT(a.em->acknowledged(), a.em->batches());
+  time.advance(0.0006);
+  settle();
+  EXPECT_EQ(a.em->acknowledged(), a.em->batches());
+  // With a change of somebody else it goes at once.
+  mine->intf.find(lag(1))->description.set("y");
+  settle();
+  EXPECT_LT(a.em->acknowledged(), a.em->batches());
+  others->intf.create(lag(2));
+  settle();
+  EXPECT_TRUE(mine->intf.find(lag(2)));
+  EXPECT_EQ(a.em->acknowledged(), a.em->batches());
+  EXPECT_LT(b.em->acknowledged(), b.em->batches());
+}
+
 // Lets nobody in but agents with short names.
 class Short final : public Doorkeeper {
  public:
@@ -932,10 +958,9 @@ class Chaos {
   };
 
   Chaos(unsigned seed, unsigned keys, VirtualClock& time)
-      : random_(seed), keys_(keys), time_(time) {
+      : random_(seed), keys_(keys), time_(time), linger_(seed % 2 == 0 ? 0 : 0.001) {
     makeWellKnown(tree_);
-    tree_.make<Dir>("routing/vrf/input/default");
-    hub_ = std::make_unique<Hub>(tree_);
+    newHub();
     for (const char* name : {"a", "", ""}) {
       Side side;
       side.peer.em = EntityManager::overSocket(socket(), name);
@@ -976,11 +1001,13 @@ class Chaos {
       settle();
     } else if (pick(4) == 0) {
       hub_.reset();
-      hub_ = std::make_unique<Hub>(tree_);
+      newHub();
     }
   }
   void expectAllEqual() {
     for (int i = 0; i < 3; ++i) {
+      settle();
+      time_.advance(2 * linger_);
       settle();
       for (Side& s : sides_) comeBack(s);
     }
@@ -999,6 +1026,10 @@ class Chaos {
   }
 
  private:
+  void newHub() {
+    hub_ = std::make_unique<Hub>(tree_);
+    hub_->lingerIs(linger_);
+  }
   unsigned pick(unsigned n) { return static_cast<unsigned>(random_() % n); }
   int socket() {
     int fds[2];
@@ -1115,6 +1146,7 @@ class Chaos {
   std::mt19937 random_;
   const unsigned keys_;
   VirtualClock& time_;
+  const double linger_;  // of the hub
   Tree tree_;
   std::unique_ptr<Hub> hub_;
   std::vector<Side> sides_;

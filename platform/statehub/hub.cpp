@@ -426,13 +426,20 @@ class Hub::Session final : public Writer,
     }
     out_.clear();
     out_.swap(controls_);
+    bool state = mayLinger() && !std::exchange(lingered_, false);
+    bool all = state && encode(out_, kFrameOfHub);
+    if (all && out_.size() == 0) {  // there are answers alone
+      if (!linger_.armed()) linger_.armAt(clock().now() + hub_.linger_);
+      return false;
+    }
+    linger_.disarm();
     if (applied_ != appliedTold_) {
       appliedTold_ = applied_;
       out_.u8(static_cast<uint8_t>(Op::applied));
       out_.varint(applied_);
     }
     encodeAllTold();
-    bool all = told_.empty() && encode(out_, kFrameOfHub);
+    all = told_.empty() && (state ? all : encode(out_, kFrameOfHub));
     if (starting() == 0) {
       for (uint64_t mount : std::exchange(unsynced_, {})) {
         out_.u8(static_cast<uint8_t>(Op::synced));
@@ -450,6 +457,10 @@ class Hub::Session final : public Writer,
     }
     if (out_.size() != 0) connection_->send(out_.view());
     return !all;
+  }
+  bool mayLinger() const {
+    return hub_.linger_ > 0 && applied_ != acked_ && out_.size() == 0 && unsynced_.empty() &&
+           !cutOwed_ && told_.size() <= kLingering;
   }
   void encodeCut() {
     cutOwed_ = mixed_ = false;
@@ -529,6 +540,21 @@ class Hub::Session final : public Writer,
   std::vector<std::string> mountPaths_;
   std::vector<uint64_t> unsynced_;
   std::deque<Told> told_;
+  // The answers have waited long enough.
+  class Linger final : public Timer {
+   public:
+    explicit Linger(Session& session) : Timer("HubLinger"), session_(session) {}
+    void onTimer() override {
+      session_.lingered_ = true;
+      session_.wake();
+    }
+
+   private:
+    Session& session_;
+  };
+  static constexpr size_t kLingering = 16;  // answers that may wait for company
+  Linger linger_{*this};
+  bool lingered_ = false;
   Encoder out_;
   Encoder controls_;
   std::unique_ptr<Connection> connection_;

@@ -87,6 +87,9 @@ class RYX_PRIVATE Hub : public Origins, private Timer {
   // Without one (null) everybody may come, by whatever name. It outlives the hub.
   void doorkeeperIs(Doorkeeper* keeper) { doorkeeper_ = keeper; }
   void limitsAre(const HubLimits& limits) { limits_ = limits; }
+  // How long an answer to a write waits for something to travel with, in seconds: whoever wrote is
+  // not woken for it alone. 0: not at all.
+  void lingerIs(double seconds) { linger_ = seconds; }
   // Those that said who they are; and who is told when one comes or has gone.
   std::vector<HubParticipant> participants() const;
   void onParticipantsIs(std::function<void()> changed) {
@@ -123,6 +126,7 @@ class RYX_PRIVATE Hub : public Origins, private Timer {
   std::vector<std::unique_ptr<Session>> sessions_;
   HubCounters counters_;
   HubLimits limits_;
+  double linger_ = 0;
   Doorkeeper* doorkeeper_ = nullptr;
   std::function<void()> participantsChanged_;
 };

@@ -33,6 +33,7 @@ namespace {
 
 using ryx::platform::activity;
 
+constexpr double kLinger = 0.001;  // seconds that an answer waits for company
 constexpr const char* kConfigFile = "/etc/ryx/ryxd.toml";
 constexpr const char* kUsage =
     R"(usage: ryxd [OPTION...]
@@ -185,6 +186,7 @@ int run(const Options& options) {
   ryx::platform::Hub hub(tree);
   hub.doorkeeperIs(&access);
   hub.limitsAre(config.limits);
+  hub.lingerIs(kLinger);
   const auto own = ryx::platform::EntityManager::embedded("", tree);
   const ryx::platform::TraceControl traces(*own, "ryxd");
 

@@ -293,11 +293,15 @@ void million(uint32_t count) {
 
 class Changes : public JournalReactor {
  public:
-  explicit Changes(RouteInput& input) : JournalReactor("Changes") { follow(input.journal); }
+  Changes(Entity& root, bool deep) : JournalReactor("Changes") {
+    follow(*root.childJournal(), deep);
+  }
   uint32_t seen = 0;
 
  protected:
-  void onEntity(Entity& e, Change) override { seen += static_cast<Route&>(e).tag() == 8; }
+  void onEntity(Entity& e, Change) override {
+    if (auto* route = e.as<Route>()) seen += route->tag() == 8;
+  }
 };
 
 // The connections of a writer and of a reader die and are made anew, to the same hub or to one that
@@ -328,7 +332,7 @@ void comeBack(uint32_t count, bool toNewHub) {
     auto em = participant(r.b, "", kInputPath, "Qel::Dir", "r");
     board->stage = 1;
     untilRoutes(*em, count);
-    Changes changes(*routesOf(*em));
+    Changes changes(*em->find(kInputPath), true);
     activity().run(0);
     board->stage = 2;
     returned(*em, nextR.b);
@@ -373,7 +377,7 @@ void fanOut(uint32_t count, int many) {
     all.add([&, i] {
       auto em = participant(readers[static_cast<size_t>(i)].b, "", kInputPath, "Qel::Dir", "r");
       untilRoutes(*em, count);
-      Changes changes(*routesOf(*em));
+      Changes changes(*routesOf(*em), false);
       activity().run(0);
       __atomic_add_fetch(&board->ready, 1, __ATOMIC_SEQ_CST);
       until([&] { return changes.seen == count; });

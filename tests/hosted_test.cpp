@@ -356,6 +356,7 @@ TEST_F(HostedTest, AServersConnectionIsMadeAgain) {
   std::string error;
   auto server = hub::Server::listen(hub_, socket, &error);
   ASSERT_TRUE(server) << error;
+  server->open();
   auto h = host::at_socket("guest", socket);
   Guest guest(*h);
   Agent agent(guest);

@@ -3,13 +3,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "switch/operator/table.h"
 #include "tests/support/program.h"
 #include "tests/support/temp_dir.h"
 
@@ -213,6 +216,35 @@ TEST_F(RyxTest, EachMistakeIsTold) {
   EXPECT_EQ(1u, jsonOf({"agent", "show", "--json"}).size());
   EXPECT_NE(std::string::npos, ryx({"agent", "--help"}).find("option"));
   EXPECT_NE(std::string::npos, ryx({"show", "--help"}).find("Example: ryx show"));
+}
+
+TEST(TableTest, FitsTheTerminal) {
+  operators::Table table({"name", "value", "note"});
+  table.add({"a", std::string(30, 'v'), "short"});
+  table.add({"b", "\u00fcml\u00e4ute sind eine Spalte breit", ""});
+  const auto printed = [&](size_t width) {
+    std::ostringstream out;
+    table.print(out, width);
+    return out.str();
+  };
+  EXPECT_EQ(
+      "name  value                           note\n"
+      "a     " +
+          std::string(30, 'v') +
+          "  short\n"
+          "b     \u00fcml\u00e4ute sind eine Spalte breit\n",
+      printed(0));
+  EXPECT_EQ(printed(0), printed(43));
+  EXPECT_EQ(
+      "name  value       note\n"
+      "a     vvvvvvvvv\u2026  short\n"
+      "b     \u00fcml\u00e4ute s\u2026\n",
+      printed(23));
+  for (size_t width = 20; width < 50; ++width) {
+    std::istringstream lines(printed(width));
+    for (std::string line; std::getline(lines, line);)
+      EXPECT_LE(operators::columnsOf(line), std::max<size_t>(width, 21)) << line;
+  }
 }
 
 }  // namespace

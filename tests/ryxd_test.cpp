@@ -1,5 +1,6 @@
 // The Statehub server, its services and agents, as the programs that they are.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -376,6 +377,44 @@ TEST_F(RyxdTest, ASilentAgentIsToldOfAndStartedAgain) {
   ryxd->line("watcher was killed by signal 9 (Killed): its heartbeat stayed out");
   ryxd->line("ready");
   EXPECT_EQ(143, hand.kill(SIGTERM));
+  EXPECT_EQ(0, ryxd->kill(SIGTERM));
+}
+
+TEST_F(RyxdTest, LetsConfiguredAgentsInOverTcp) {
+  // A port that was free a moment ago.
+  const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  ASSERT_EQ(0, bind(probe, reinterpret_cast<sockaddr*>(&address), size));
+  ASSERT_EQ(0, getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size));
+  close(probe);
+  const std::string port = std::to_string(ntohs(address.sin_port));
+  const std::string config = directory_ / "config";
+  std::ofstream(config) << "[tcp]\nport = " << port
+                        << "\npeers = [\"127.0.0.1\"]\nagents = [\"intf_watch\"]\n";
+  std::vector<std::string> words = server();
+  words.push_back("--config=" + config);
+  auto ryxd = start(words);
+  Program watch({kAgent, "--statehubport=" + port});
+  watch.line("Ethernet1: INTF_OPER_UP");
+  ::setenv("AGENT_PROCESS_NAME", "other", 1);
+  Program other({kAgent, "--statehubport=" + port});
+  ::unsetenv("AGENT_PROCESS_NAME");
+  other.line("the agent 'other' is not configured to connect over TCP");
+  EXPECT_EQ(1, other.end());
+  // Nor does one come in from an address that is not configured.
+  const int stranger = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in from = address;
+  from.sin_port = 0;
+  from.sin_addr.s_addr = htonl(0x7f000002);
+  ASSERT_EQ(0, bind(stranger, reinterpret_cast<sockaddr*>(&from), sizeof from));
+  ASSERT_EQ(0, connect(stranger, reinterpret_cast<sockaddr*>(&address), sizeof address));
+  char byte;
+  EXPECT_EQ(0, read(stranger, &byte, 1));
+  close(stranger);
+  EXPECT_EQ(143, watch.kill(SIGTERM));
   EXPECT_EQ(0, ryxd->kill(SIGTERM));
 }
 

@@ -1,17 +1,50 @@
 #include "switch/hub/config.h"
 
-#define TOML_EXCEPTIONS 0
-#define TOML_ENABLE_FORMATTERS 0
 #include <arpa/inet.h>
 #include <grp.h>
 #include <pwd.h>
-#include <toml++/toml.h>
 
 #include <algorithm>
 #include <functional>
 
+// Some malformed keys meet an assertion of the parser's own: that is one more way to be told of
+// them.
+struct AssertionOfParser {};
+[[noreturn]] static void parserAsserts() {
+  throw AssertionOfParser();
+}
+#undef NDEBUG
+#define TOML_ASSERT(expression) ((expression) ? void() : parserAsserts())
+#define TOML_ENABLE_FORMATTERS 0
+#include <toml++/toml.h>
+
 namespace ryx::hub {
 namespace {
+
+// Empty, or what is wrong with the text, and where.
+std::string parse(std::string_view text, const std::string& name, toml::table* table) {
+  const auto told = [&](size_t line, std::string_view what) {
+    std::string fault = name + ":" + std::to_string(line) + ": " + std::string(what);
+    // It may quote what it found.
+    std::replace_if(
+        fault.begin(), fault.end(), [](unsigned char c) { return c < ' '; }, ' ');
+    return fault + "; expected TOML (https://toml.io)\n";
+  };
+  try {
+    *table = toml::parse(text);
+    return "";
+  } catch (const toml::parse_error& e) {
+    return told(e.source().begin.line, e.description());
+  } catch (const AssertionOfParser&) {
+    // It says no line: the first one up to which the text is malformed already.
+    size_t line = 1;
+    for (size_t end = text.find('\n'); end != text.npos; end = text.find('\n', end + 1), ++line) {
+      toml::table unused;
+      if (!parse(text.substr(0, end), name, &unused).empty()) break;
+    }
+    return told(line, "the key is malformed");
+  }
+}
 
 // One table of the file, whose keys are asked for one after another; what was not asked for at the
 // end is unknown.
@@ -140,13 +173,11 @@ std::string faultOfService(std::string_view service) {
 }
 
 std::string Config::take(std::string_view text, const std::string& name) {
-  const toml::parse_result parsed = toml::parse(text);
-  if (!parsed)
-    return name + ":" + std::to_string(parsed.error().source().begin.line) + ": " +
-           std::string(parsed.error().description()) + "; expected TOML (https://toml.io)\n";
+  toml::table parsed;
+  if (std::string what = parse(text, name, &parsed); !what.empty()) return what;
   std::string faults;
   {
-    Table top(&parsed.table(), "", name, &faults);
+    Table top(&parsed, "", name, &faults);
     top.text("socket", &socket);
     top.text("state", &state);
     top.list(

@@ -115,11 +115,14 @@ std::string load(Tree& tree, std::string_view payload) {
 }  // namespace
 
 std::string stateBytes(Tree& tree) {
-  const std::string payload = Saver().bytes(tree);
+  return stateFile(Saver().bytes(tree));
+}
+
+std::string stateFile(std::string_view payload) {
   char title[80];
   std::snprintf(title, sizeof title, "%s%zu %016llx\n", kTitle.data(), payload.size(),
                 static_cast<unsigned long long>(checksum(payload)));
-  return title + payload;
+  return title + std::string(payload);
 }
 
 std::string takeStateBytes(Tree& tree, std::string_view bytes) {

@@ -28,6 +28,8 @@ namespace ryx::hub {
 
 // What the file of the tree would hold now.
 std::string stateBytes(platform::Tree& tree);
+// The file around those operations of the link.
+std::string stateFile(std::string_view operations);
 // Takes what stands in such bytes into the tree. Empty: done; else what is wrong with them, and
 // nothing was taken.
 [[nodiscard]] std::string takeStateBytes(platform::Tree& tree, std::string_view bytes);
@@ -61,7 +63,7 @@ class Keeper final : private platform::JournalReactor, private platform::Timer {
   platform::Tree& tree_;
   const std::string folder_;
   const int lock_;
-  std::string last_;    // what was handed over last
+  std::string last_;   // what was handed over last
   double lastAt_ = 0;  // and when
 
   // Shared with the writing thread.

@@ -9,7 +9,7 @@
 //
 //   clang++ -std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -DRYX_VERSION='"0"' -I.
 //       -o /tmp/fuzz tests/fuzz/fuzz.cpp lib/*.cpp platform/*/*.cpp switch/base/*.cpp
-//       $(ls switch/sim/*.cpp switch/linux/*.cpp | grep -v feed.cpp) -lmnl
+//       $(ls switch/{hub,sim,linux}/*.cpp | grep -v -e feed.cpp -e ryxd.cpp) -lmnl
 //   RYX_FUZZ=interface-name /tmp/fuzz tests/fuzz/corpus/interface-name     (or --target=NAME)
 //
 // To add a parser, write a function like those below and its line in the table, and put a few
@@ -43,6 +43,8 @@
 #include "platform/types/intf.h"
 #include "platform/types/ip.h"
 #include "ryx/ip.h"
+#include "switch/hub/config.h"
+#include "switch/hub/keeper.h"
 #include "switch/linux/intf_map.h"
 #include "switch/linux/link_message.h"
 #include "switch/sim/sim.h"
@@ -278,6 +280,38 @@ inline void fuzzClient(const uint8_t* data, size_t size) {
   require(!lags || lags->intf.empty(), "what is not at the hub is gone");
 }
 
+// The operations in a server's state file, as a whole file and in one with the right checksum: what
+// is taken is written in a form that is taken again, and means the same.
+inline void fuzzStateFile(const uint8_t* data, size_t size) {
+  using namespace platform;
+  Tree tree, again;
+  makeWellKnown(tree);
+  makeWellKnown(again);
+  const std::string before = hub::stateBytes(tree);
+  if (!hub::takeStateBytes(tree, textOf(data, size)).empty())
+    require(hub::stateBytes(tree) == before, "what is refused leaves nothing");
+  if (!hub::takeStateBytes(tree, hub::stateFile(textOf(data, size))).empty()) {
+    require(hub::stateBytes(tree) == before, "what is refused leaves nothing");
+    return;
+  }
+  const std::string kept = hub::stateBytes(tree);
+  require(hub::takeStateBytes(again, kept).empty(), "what is kept is taken");
+  require(hub::stateBytes(again).size() == kept.size(), "and is kept again");
+}
+
+// A configuration file: every fault is a line with the file's name and a line's number.
+inline void fuzzConfiguration(const uint8_t* data, size_t size) {
+  hub::Config config;
+  const std::string faults = config.take(textOf(data, size), "file");
+  for (size_t at = 0; at < faults.size();) {
+    const size_t end = faults.find('\n', at);
+    require(end != faults.npos, "a fault is a line");
+    require(faults.compare(at, 5, "file:") == 0 && faults[at + 5] >= '0' && faults[at + 5] <= '9',
+            "a fault tells its line");
+    at = end + 1;
+  }
+}
+
 inline void fuzzSimCommand(const uint8_t* data, size_t size) {
   static auto* tree = new platform::Tree;
   static auto* sim = new sim::Sim(*tree);
@@ -328,6 +362,8 @@ inline constexpr FuzzTarget kFuzzTargets[] = {
     {"link-message", fuzzLinkMessage},
     {"hub", fuzzHub},
     {"client", fuzzClient},
+    {"state-file", fuzzStateFile},
+    {"configuration", fuzzConfiguration},
     {"value-decode", fuzzValueDecode},
     {"json", fuzzJson},
 };

@@ -25,3 +25,5 @@ at_length "the same, with callbacks that change, throw and run the loop" reactor
   'ReactorTest.MirrorsEqualTheStateWhateverCallbacksDo' 4
 at_length "three writers over the link, cuts and refusals, mirrors of callbacks" link_test \
   'LinkTest.RandomWritersEndEqual' 17
+at_length "processes of server, service and agents, killed at random moments" system_test \
+  'SystemTest.KillsAtRandomMomentsUnderLoad' 15

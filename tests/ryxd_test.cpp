@@ -1,10 +1,12 @@
 // The Statehub server, its services and agents, as the programs that they are.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -377,6 +379,55 @@ TEST_F(RyxdTest, ASilentAgentIsToldOfAndStartedAgain) {
   ryxd->line("watcher was killed by signal 9 (Killed): its heartbeat stayed out");
   ryxd->line("ready");
   EXPECT_EQ(143, hand.kill(SIGTERM));
+  EXPECT_EQ(0, ryxd->kill(SIGTERM));
+}
+
+TEST_F(RyxdTest, UsersAreWhatTheConfigurationSaysOfThem) {
+  const passwd* nobody = ::getpwnam("nobody");
+  if (::geteuid() != 0 || !nobody) GTEST_SKIP() << "needs root, and a user nobody";
+  const uid_t uid = nobody->pw_uid;
+  ::chmod(directory_.path().c_str(), 0755);
+  const std::string config = directory_ / "config";
+  std::ofstream(config) << "[access.agents]\nmine = [\"nobody\"]\n";
+  std::vector<std::string> words = server();
+  words.push_back("--config=" + config);
+  auto ryxd = start(words);
+  const auto asNobody = [&](Role role, const char* name) {
+    int told[2];
+    EXPECT_EQ(0, ::pipe2(told, O_CLOEXEC));
+    const pid_t child = ::fork();
+    if (child == 0) {
+      if (::setuid(uid) != 0) _exit(1);
+      ConnectionSettings settings;
+      settings.socketName = socket_;
+      std::string why;
+      auto em = EntityManager::overSocket(connectToServer(settings, &why), Participant(role, name));
+      until([&] { return em->welcomed() || !em->connected(); });
+      const std::string text = em->welcomed() ? "welcome" : why + em->farewell();
+      _exit(::write(told[1], text.data(), text.size()) > 0 ? 0 : 1);
+    }
+    ::close(told[1]);
+    char text[300];
+    const ssize_t n = ::read(told[0], text, sizeof text);
+    ::close(told[0]);
+    ::waitpid(child, nullptr, 0);
+    return std::string(text, static_cast<size_t>(std::max<ssize_t>(n, 0)));
+  };
+  EXPECT_EQ("welcome", asNobody(Role::agent, "mine"));
+  EXPECT_EQ("the user nobody is not configured to connect as the agent 'other'",
+            asNobody(Role::agent, "other"));
+  EXPECT_EQ("the user nobody is not configured as one of the operators",
+            asNobody(Role::operators, "nobody"));
+  EXPECT_NE("welcome", asNobody(Role::service, "linux"));
+  // An agent runs as the user that it is given.
+  Operator op(socket_);
+  auto* agent = op.config("other");
+  agent->exec.set("/bin/sh");
+  agent->argument.set({"-c", "echo runs as $(id -un), $HOME, $STATEHUBLOCAL."});
+  agent->user.set("nobody");
+  agent->enabled.set(true);
+  EXPECT_EQ("runs as nobody, " + std::string(::getpwnam("nobody")->pw_dir) + ", .",
+            ryxd->line("runs as"));
   EXPECT_EQ(0, ryxd->kill(SIGTERM));
 }
 

@@ -165,8 +165,8 @@ struct TypeInfo {
   std::vector<CollectionInfo> collections;
   uint16_t keyOffset;
   const Kind* keyKind;
-  uint16_t journalOffset;  // 0: the type has no journal of its own
-  bool keyedByName;        // the key is a Name: it may stand in a directory
+  uint16_t journalOffset;     // 0: the type has no journal of its own
+  bool keyedByName;           // the key is a Name: it may stand in a directory
   uint32_t secretFields;      // a bit for each, as kSecret
   uint32_t persistentFields;  // the same for kPersistent
   mutable Slab slab;

@@ -52,8 +52,9 @@ std::vector<std::string> environmentOf(const Program& program, const Identity& i
   for (char** at = environ; *at; ++at) {
     const std::string_view entry = *at;
     const std::string_view name = entry.substr(0, entry.find('='));
-    // The readiness of the server is the server's to tell.
-    bool replaced = name == "NOTIFY_SOCKET" || name.starts_with("STATEHUB_SOCKID_ARG");
+    // The readiness of the server is the server's to tell, and where Statehub is stands fast.
+    bool replaced = name == "NOTIFY_SOCKET" || name == "STATEHUBLOCAL" || name == "STATEHUBPORT" ||
+                    name.starts_with("STATEHUB_SOCKID_ARG");
     for (const auto& [key, value] : added) replaced |= key == name;
     if (!replaced) all.emplace_back(entry);
   }

@@ -22,6 +22,8 @@ Clients::Clients(Hub& hub, std::function<void(const std::string&)> silent)
 
 void Clients::look() {
   const double now = clock().now();
+  // A server that was stopped itself has heard nobody meanwhile.
+  if (now - std::exchange(lastLook_, now) > 2 * kLookSeconds) backAt_ = now;
   armAt(now + kLookSeconds);
   DirEntries& clients = hub_.tree().find<Dir>("statehub/client")->entry;
   std::set<std::string> there;
@@ -29,7 +31,8 @@ void Clients::look() {
     const std::string number = std::to_string(p.number);
     there.insert(number);
     auto* client = clients.create<Statehub::Client>(number);
-    const bool isSilent = p.heartbeat > 0 && now - p.heard > kSilentPeriods * p.heartbeat;
+    const double heard = std::max(p.heard, backAt_);
+    const bool isSilent = p.heartbeat > 0 && now - heard > kSilentPeriods * p.heartbeat;
     client->role.set(nameOf(p.role));
     client->name.set(p.name);
     client->pid.set(static_cast<uint32_t>(std::max<int64_t>(p.peer.pid, 0)));

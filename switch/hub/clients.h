@@ -30,6 +30,8 @@ class Clients final : private platform::Timer {
   platform::Hub& hub_;
   const std::function<void(const std::string&)> silent_;
   std::set<uint64_t> told_;
+  double lastLook_ = 0;
+  double backAt_ = 0;  // when this process ran again after it had not
 };
 
 }  // namespace ryx::hub

@@ -345,7 +345,7 @@ class Supervisor::Readiness final : private JournalReactor, private Timer {
   void now() {
     disarm();
     auto ready = std::exchange(ready_, nullptr);
-    if (!ready) return;
+    if (!ready || supervisor_.stopped_) return;
     for (auto& [name, service] : supervisor_.services_)
       if (!service->serves())
         std::fprintf(stderr, "ryxd: the service %s does not serve yet; agents are let in\n",

@@ -577,6 +577,26 @@ TEST_F(LinkTest, WhoIsTurnedAwayIsToldWhy) {
   EXPECT_FALSE(good.em->connected());
 }
 
+TEST_F(LinkTest, WhoeverSaysNothingKeepsNobodyOut) {
+  Peer a = peer("a", {kLagStatus});
+  std::vector<int> mute;
+  for (size_t i = 0; i < Hub::kMaxMute + 20; ++i) mute.push_back(socket());
+  settle();
+  EXPECT_EQ(Hub::kMaxMute + 1, hub->sessions());
+  EXPECT_EQ(20u, hub->counters().mute);
+  Peer b = peer("b", {kLagStatus});
+  EXPECT_EQ(MountStatus::success, b.status);
+  EXPECT_TRUE(a.em->connected());
+  // Nor may it have the hub keep much for it.
+  const uint32_t longest = kMaxFirstFrame + 1;
+  ASSERT_EQ(4, write(mute.back(), &longest, 4));
+  settle();
+  EXPECT_EQ(Hub::kMaxMute, hub->sessions());
+  for (int fd : mute) close(fd);
+  settle();
+  EXPECT_EQ(2u, hub->sessions());
+}
+
 TEST_F(LinkTest, WhatIsPastALimitIsRefusedToldAndCounted) {
   hub->limitsAre({.entities = 4, .bytes = 20'000, .mounts = 2});
   Peer a = peer("a", {kAgentStatus, kLagConfig, kLagStatus}), b = peer("b", {kAgentStatus});

@@ -148,16 +148,19 @@ Reconnection::Reconnection(EntityManager& em, const ConnectionSettings& settings
   if (!em_.connected()) searchLater();
 }
 
+void Reconnection::tell(const std::string& what) const {
+  const Participant who = em_.who();
+  std::fprintf(stderr, "The %s \"%s\" %s.\n", nameOf(who.role), std::string(who.name).c_str(),
+               what.c_str());
+}
+
 void Reconnection::lost() {
   const std::string why = em_.farewell();
-  const std::string& agent = em_.agentName();
   if (!why.empty() && !em_.welcomed() && turnedAway_) return turnedAway_(why);
   if (!why.empty() && why != told_)
-    std::fprintf(stderr, "The agent \"%s\" is turned away by its Statehub: %s.\n", agent.c_str(),
-                 why.c_str());
+    tell("is turned away by its Statehub: " + why);
   else if (state_ == State::connected)
-    std::fprintf(stderr, "The agent \"%s\" has lost its Statehub, and waits for it.\n",
-                 agent.c_str());
+    tell("has lost its Statehub, and waits for it");
   told_ = why;
   wait_ = state_ == State::connected ? kFirstSeconds : std::min(2 * wait_, kLongestSeconds);
   searchLater();
@@ -182,7 +185,7 @@ void Reconnection::search() {
 
 void Reconnection::onTimer() {
   if (state_ == State::searching) return search();
-  std::fprintf(stderr, "The agent \"%s\" has its Statehub again.\n", em_.agentName().c_str());
+  tell("has its Statehub again");
   state_ = State::connected;
   told_.clear();
 }

@@ -62,6 +62,7 @@ class RYX_PRIVATE Reconnection final : private Timer {
 
   void lost();
   void searchLater();
+  void tell(const std::string& what) const;
   void search();
   void onTimer() override;
 

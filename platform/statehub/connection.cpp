@@ -63,6 +63,7 @@ class Connection::Socket final : public Descriptor {
     flush();
   }
 
+  void longestFrameIs(size_t bytes) { longestFrame_ = bytes; }
   void readingIs(bool on) {
     if (open_) readableInterestIs(on);
   }
@@ -96,7 +97,7 @@ class Connection::Socket final : public Descriptor {
     if (n > 0) bytesReceived_ += static_cast<uint64_t>(n);
     while (end_ - begin_ >= 4) {
       uint32_t length = pendingLength();
-      if (length > kMaxFrame) return false;
+      if (length > longestFrame_) return false;
       if (end_ - begin_ < 4 + size_t{length}) break;
       std::string_view payload(in_.get() + begin_ + 4, length);
       begin_ += 4 + size_t{length};
@@ -120,7 +121,7 @@ class Connection::Socket final : public Descriptor {
     size_t left = end_ - begin_;
     size_t wanted = kReadBytes;
     if (left >= 4)
-      wanted = std::max(wanted, 4 + size_t{std::min<uint32_t>(pendingLength(), kMaxFrame)});
+      wanted = std::max(wanted, 4 + size_t{std::min<size_t>(pendingLength(), longestFrame_)});
     if (wanted > capacity_) {
       std::unique_ptr<char[]> larger(new char[wanted]);  // not initialised
       if (left != 0) std::memcpy(larger.get(), in_.get() + begin_, left);
@@ -163,6 +164,7 @@ class Connection::Socket final : public Descriptor {
 
   Peer& peer_;
   bool open_ = true;
+  size_t longestFrame_ = kMaxFrame;
   bool* destroyed_ = nullptr;
   std::unique_ptr<char[]> in_;
   size_t capacity_ = 0;
@@ -199,6 +201,9 @@ bool Connection::peerIsGone() const {
 }
 void Connection::readNow() {
   socket_->onReadable();
+}
+void Connection::longestFrameIs(size_t bytes) {
+  socket_->longestFrameIs(bytes);
 }
 void Connection::readingIs(bool on) {
   socket_->readingIs(on);

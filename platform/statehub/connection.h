@@ -40,6 +40,8 @@ class RYX_PRIVATE Connection {
   bool peerIsGone() const;
   // Without waiting for the loop. Not from within a callback of this connection.
   void readNow();
+  // Frames that are longer end the connection: kMaxFrame, unless told.
+  void longestFrameIs(size_t bytes);
   // Whether what arrives is read. What was read already is handed over in any case.
   void readingIs(bool on);
   void close();

@@ -51,7 +51,9 @@ class Hub::Session final : public Writer,
         peer_(peer),
         since_(clock().now()),
         heard_(since_),
-        connection_(std::make_unique<Connection>(fd, *this)) {}
+        connection_(std::make_unique<Connection>(fd, *this)) {
+    connection_->longestFrameIs(kMaxFirstFrame);
+  }
   ~Session() override { closeBatch(); }
 
   Participant who() const { return {role_, name_}; }
@@ -303,6 +305,7 @@ class Hub::Session final : public Writer,
     name_ = name;
     heartbeat_ = static_cast<double>(heartbeat) / 1000;
     greeted_ = true;
+    connection_->longestFrameIs(kMaxFrame);
     ++hub_.counters_.accepted;
     if (hub_.participantsChanged_) hub_.participantsChanged_();
     controls_.u8(static_cast<uint8_t>(Op::hello));
@@ -585,9 +588,18 @@ void Hub::accept(int fd) {
 }
 
 void Hub::accept(int fd, const HubPeer& peer) {
+  boundMute();
   // Entities keep it longer than sessions and hubs live.
   static uint32_t last = 0;
   sessions_.push_back(std::make_unique<Session>(*this, fd, kOriginBit | ++last, peer));
+}
+
+void Hub::boundMute() {
+  const auto isMute = [](auto& s) { return !s->greeted(); };
+  if (static_cast<size_t>(std::count_if(sessions_.begin(), sessions_.end(), isMute)) < kMaxMute)
+    return;
+  ++counters_.mute;
+  (*std::find_if(sessions_.begin(), sessions_.end(), isMute))->end();
 }
 
 std::vector<HubParticipant> Hub::participants() const {

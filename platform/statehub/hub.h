@@ -26,6 +26,7 @@ struct HubCounters {
   uint64_t accepted = 0;      // connections that said hello
   uint64_t refusedNames = 0;  // hellos that were turned away
   uint64_t broken = 0;        // connections ended because they broke the protocol
+  uint64_t mute = 0;          // connections ended because they never said hello, and others came
   uint64_t refusedWrites = 0;
   uint64_t forcedCuts = 0;
   uint64_t pastLimits = 0;  // writes and mounts refused because of HubLimits
@@ -77,6 +78,9 @@ struct HubParticipant {
 
 class RYX_PRIVATE Hub : public Origins, private Timer {
  public:
+  // Connections that have not said hello: with one more, the oldest of them goes.
+  static constexpr size_t kMaxMute = 256;
+
   // Serves `tree`, which outlives it and has its well-known entities.
   explicit Hub(Tree& tree);
   ~Hub() override;
@@ -116,6 +120,7 @@ class RYX_PRIVATE Hub : public Origins, private Timer {
   bool inBatch(uint32_t origin) const;
   bool mayCut() const { return openBatches_ == 0 || forced_; }
   void gone(Session& session);
+  void boundMute();
   Session* agentNamed(std::string_view name) const;
 
   Tree& tree_;

@@ -53,7 +53,8 @@ inline constexpr uint8_t kItemTell = 8;    // the sender is to be told what stan
 enum class Reach : uint8_t { journal = 0, tree = 1 };
 
 // Named bounds.
-inline constexpr size_t kMaxFrame = 4 << 20;  // bytes of one frame's payload
+inline constexpr size_t kMaxFrame = 4 << 20;          // bytes of one frame's payload
+inline constexpr size_t kMaxFirstFrame = 512 * 1024;  // of one whose sender said no hello yet
 // Where a sender starts a new frame. A frame is applied without a pause: those of a participant are
 // short, since the hub serves the others between them.
 inline constexpr size_t kFrameOfHub = 32 * 1024;

@@ -35,6 +35,7 @@ class Puppet {
     e.varint(static_cast<uint64_t>(Role::agent));
     e.text(name);
     e.varint(heartbeatMilliseconds);
+    e.varint(0);
     send(e);
   }
   ~Puppet() { close(fd_); }

@@ -1,5 +1,7 @@
 #include "platform/qel/journal.h"
 
+#include <algorithm>
+
 namespace ryx::platform {
 namespace {
 
@@ -86,14 +88,16 @@ void Journal::noteOrigin(Entity& e, uint64_t before) {
 
 void Journal::died(Entity& e) {
   if (clock_->origins) e.dirtyIs(clock_->origin);
-  bool wanted = oldest_ && (forgetfulCursors_ != 0 || e.seen != 0);
+  bool wanted = kept() != 0 || (oldest_ && (forgetfulCursors_ != 0 || e.seen != 0));
   if (!wanted) {
     if (e.prev) unlink(e);
+    lastForgotten_ = clock_->version;
     return;
   }
   append(e);
   ++e.refs;
   ++tombstones_;
+  if (tombstones_ == 2 * kKeptTombstones) sweep();
   if (tombstones_ > boundAt_) boundTombstones();
 }
 
@@ -105,13 +109,14 @@ bool Journal::judge(const Entity& e, const Entity* parent) {
 
 void Journal::dropTombstone(Entity& e) {
   unlink(e);
+  lastForgotten_ = std::max(lastForgotten_, e.version);
   if (--tombstones_ == 0) boundAt_ = kMaxTombstones;
   Ref<Entity> last(&e);
   --e.refs;
 }
 
 void Journal::sweep() {
-  for (JournalNode* n = end_.next; tombstones_ != 0 && n != &end_;) {
+  for (JournalNode* n = end_.next; tombstones_ > kept() && n != &end_;) {
     if (n->typeId == JournalNode::kCursor) return;
     JournalNode* following = n->next;
     if (isTombstone(n)) dropTombstone(static_cast<Entity&>(*n));
@@ -183,6 +188,21 @@ void Cursor::attachAtEnd(Journal& journal, bool remembers) {
   active_ = false;
 }
 
+void Cursor::attachAfter(Journal& journal, uint64_t after, bool remembers) {
+  JournalNode* n = journal.end_.prev;
+  Cursor* older = journal.newest_;
+  for (; n != &journal.end_ && (n->typeId == kCursor || n->version > after); n = n->prev)
+    if (n->typeId == kCursor) older = older->older_;
+  version = n == &journal.end_ ? 0 : n->version;
+  link(journal, n->next, remembers);
+  older_ = older;
+  newer_ = older ? older->newer_ : journal.oldest_;
+  (older_ ? older_->newer_ : journal.oldest_) = this;
+  (newer_ ? newer_->older_ : journal.newest_) = this;
+  active_ = !atEnd();
+  if (active_) activated();
+}
+
 void Cursor::detach() {
   if (!journal_) return;
   Journal& j = *journal_;
@@ -244,7 +264,8 @@ Ref<Entity> Cursor::next() {
   if (n->typeId == kSelf) return Ref<Entity>(journal_->root_);
   auto& e = static_cast<Entity&>(*n);
   Ref<Entity> found(&e);
-  if (e.dead() && journal_->oldest_ == this) journal_->dropTombstone(e);
+  if (e.dead() && journal_->oldest_ == this && journal_->tombstones_ > journal_->kept())
+    journal_->dropTombstone(e);
   return found;
 }
 

@@ -67,6 +67,9 @@ class Journal {
  public:
   // Named bound: tombstones kept for connections that do not read.
   static constexpr uint32_t kMaxTombstones = 65536;
+  // At a hub so many are kept for connections that come back (attachAfter()); twice as many, for a
+  // while.
+  static constexpr uint32_t kKeptTombstones = 1024;
 
   RYX_PRIVATE Journal();
   RYX_PRIVATE ~Journal();
@@ -81,6 +84,9 @@ class Journal {
   Entity* root() const { return root_; }
   uint32_t tombstones() const { return tombstones_; }
   uint64_t overruns() const { return overruns_; }
+  // Whether all that happened here after that version is still here to be seen: no deletion of it
+  // was forgotten.
+  bool remembersSince(uint64_t version) const { return lastForgotten_ <= version; }
 
   RYX_PRIVATE void touched(Entity& e);
   // An attribute of the root itself was written. Its creation and deletion are its directory's.
@@ -102,15 +108,17 @@ class Journal {
   void noteOrigin(Entity& e, uint64_t before);
   RYX_PRIVATE bool judge(const Entity& e, const Entity* parent);
   void dropTombstone(Entity& e);
-  // Frees the tombstones that no cursor is before.
+  // Frees the tombstones that no cursor is before, the oldest first, but those that are kept.
   void sweep();
+  uint32_t kept() const { return clock_ && clock_->origins ? kKeptTombstones : 0; }
   void boundTombstones();
 
   JournalNode end_;
   JournalNode self_;
   StoreClock* clock_ = nullptr;
-  uint64_t admitted_ = 0;     // the number of the writer that may write everything here
-  uint64_t lastVersion_ = 0;  // no item has a later one
+  uint64_t admitted_ = 0;       // the number of the writer that may write everything here
+  uint64_t lastVersion_ = 0;    // no item has a later one
+  uint64_t lastForgotten_ = 0;  // no deletion that was forgotten had a later one
   Entity* root_ = nullptr;
   Cursor* oldest_ = nullptr;
   Cursor* newest_ = nullptr;
@@ -135,6 +143,8 @@ class RYX_PRIVATE Cursor : public JournalNode {
   // the entities (JournalNode::seen), so tombstones of what nobody saw need not be kept for it.
   void attachAtHead(Journal& journal, bool remembers);
   void attachAtEnd(Journal& journal, bool remembers);
+  // Before all that happened after that version, which the journal remembers.
+  void attachAfter(Journal& journal, uint64_t after, bool remembers);
   void detach();
 
   // The next entity behind the cursor, which moves past it; null at the end, and from then on

@@ -49,6 +49,9 @@ bool Applier::op(Op code, Decoder& d) {
       }
       return true;
     }
+    case Op::same:
+      if (Entity* e = numbered(d.varint()); e && !e->dead()) markMet(*e);
+      return !d.failed();
     case Op::forget:
       if (uint64_t handle = d.varint(); handle < numbers_.size()) numbers_[handle] = nullptr;
       return true;
@@ -334,6 +337,15 @@ void Applier::markStale(Entity& e, Reach reach) {
       Entity& child = *it.get();
       if (sweepable(child)) child.flags |= kStale;
       if (reach == Reach::tree || child.type().journalOffset == 0) markStale(child, reach);
+    }
+}
+
+void Applier::markMet(Entity& e) {
+  for (const CollectionInfo& c : e.type().collections)
+    for (CollectionIterator it(e.collection(c)); it; it.next()) {
+      Entity& child = *it.get();
+      child.flags &= static_cast<uint8_t>(~kStale);
+      if (child.type().journalOffset == 0) markMet(child);
     }
 }
 

@@ -77,6 +77,8 @@ class RYX_PRIVATE Applier {
   // away what no item met since.
   void markStale(Entity& e, Reach reach);
   void sweepStale(Entity& e, Reach reach);
+  // What is in the journal of `e` stands.
+  void markMet(Entity& e);
   // All numbers and types are void: a new connection.
   void reset();
   bool broken(std::string text) {

@@ -113,6 +113,7 @@ void Client::hello() {
   controls_.varint(static_cast<uint64_t>(who().role));
   controls_.text(who().name);
   controls_.varint(static_cast<uint64_t>(beats_ * 1000));
+  controls_.varint(incarnation_);
   wake();
 }
 
@@ -137,6 +138,7 @@ void Client::sendMounts(Encoder& out) {
     out.text(m.request.typeName);
     out.text(m.request.mode);
     out.u8(resending_ && m.complete);
+    out.varint(resending_ && m.complete && !answersDue_ ? lastCut_ : 0);
   }
 }
 
@@ -173,6 +175,7 @@ bool Client::control(Op op, Decoder& d) {
         for (Mount& m : mounts_)
           if (m.root) forgetGenerations(*m.root);
         for (Ref<Entity>& e : lostRemovals_) e->generationIs(kProvisional);
+        lastCut_ = 0;
       }
       incarnation_ = incarnation;
       return true;
@@ -199,6 +202,10 @@ bool Client::control(Op op, Decoder& d) {
       RYX_TRACE(trace(), 0, "the hub ends the connection: " << farewell_);
       return true;
     case Op::cut:
+      if (const uint64_t version = d.varint(); version != 0) {
+        lastCut_ = version;
+        answersDue_ = false;
+      }
       replica_.clock().openGate();
       checkGroups();
       return true;
@@ -354,6 +361,7 @@ void Client::settle(uint64_t batch) {
   while (!onTheWay_.empty() && onTheWay_.front().batch <= batch) {
     ends(onTheWay_.front().place, 0, batch);
     onTheWay_.pop_front();
+    answersDue_ = true;
   }
 }
 

@@ -207,9 +207,11 @@ class RYX_PRIVATE Client final : public EntityManager,
   uint64_t batch_ = 0;
   uint64_t acknowledged_ = 0;
   uint64_t incarnation_ = 0;
-  bool resending_ = false;  // after a reconnection, until all was sent again
-  bool resync_ = false;     // after a reconnection, until all was received again
-  size_t unsynced_ = 0;     // mounts that did not end yet
+  uint64_t lastCut_ = 0;     // the hub's version up to which all is here
+  bool answersDue_ = false;  // since then some writes were applied: what became of them may be lost
+  bool resending_ = false;   // after a reconnection, until all was sent again
+  bool resync_ = false;      // after a reconnection, until all was received again
+  size_t unsynced_ = 0;      // mounts that did not end yet
   bool cutOwed_ = false;
 };
 

@@ -282,6 +282,7 @@ class Hub::Session final : public Writer,
     uint64_t role = d.varint();
     std::string_view name = d.text();
     uint64_t heartbeat = d.varint();
+    knowsThisLife_ = d.varint() == hub_.incarnation_;
     if (d.failed() || role > static_cast<uint64_t>(Role::operators))
       return broken("no hello of this protocol");
     role_ = static_cast<Role>(role);
@@ -334,6 +335,7 @@ class Hub::Session final : public Writer,
     std::string path(d.text()), typeName(d.text());
     std::string_view mode = d.text();
     uint8_t mine = d.u8();
+    uint64_t since = d.varint();
     if (d.failed() || path.size() > kMaxPath) return broken("a malformed mount");
     Entity* root = nullptr;
     MountStatus status = resolve(path, typeName, mode, &root);
@@ -358,7 +360,7 @@ class Hub::Session final : public Writer,
     controls_.varint(number);
     controls_.varint(root->generation());
     controls_.text(root->type().name);
-    publish(*root, number, true);
+    publish(*root, number, true, knowsThisLife_ ? since : 0);
     unsynced_.push_back(id);
     return true;
   }
@@ -452,11 +454,11 @@ class Hub::Session final : public Writer,
     bool free = hub_.mayCut();
     cutOwed_ |= out_.size() != 0 || (free && applied_ != acked_);
     if (all && cutOwed_ && (free || !mixed_)) {
-      encodeCut();
+      encodeCut(tree().clock().version);
     } else if (cutOwed_ && !all && starting() == 0 &&
                clock().now() - lastCut_ > kForcedCutSeconds) {
       ++hub_.counters_.forcedCuts;
-      encodeCut();
+      encodeCut(0);
     }
     if (out_.size() != 0) connection_->send(out_.view());
     return !all;
@@ -465,7 +467,8 @@ class Hub::Session final : public Writer,
     return hub_.linger_ > 0 && applied_ != acked_ && out_.size() == 0 && unsynced_.empty() &&
            !cutOwed_ && told_.size() <= kLingering;
   }
-  void encodeCut() {
+  // `version`: all that happened up to it was sent; 0: not all that happened up to any.
+  void encodeCut(uint64_t version) {
     cutOwed_ = mixed_ = false;
     lastCut_ = clock().now();
     if (applied_ != acked_ && caughtUp() && hub_.mayCut()) {
@@ -474,6 +477,7 @@ class Hub::Session final : public Writer,
       out_.varint(acked_);
     }
     out_.u8(static_cast<uint8_t>(Op::cut));
+    out_.varint(version);
   }
   void encodeAllTold() {
     while (!told_.empty() && out_.size() < kFrameOfHub) {
@@ -530,6 +534,7 @@ class Hub::Session final : public Writer,
   uint64_t pastLimits_ = 0;
   bool greeted_ = false;
   bool turnedAway_ = false;
+  bool knowsThisLife_ = false;  // it was connected to this life of the hub before
   bool batchOpen_ = false;
   bool cutOwed_ = false;
   bool mixed_ = false;  // since the last cut something was sent whose writer was in a batch

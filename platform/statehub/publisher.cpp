@@ -11,18 +11,22 @@ constexpr int kFeedTurn = 256;  // items of one feed before the next one's turn
 
 class Publisher::Feed final : public Cursor {
  public:
-  Feed(Publisher& publisher, Entity& root, bool fromStart)
-      : publisher_(publisher), root_(&root), starting(fromStart) {}
+  Feed(Publisher& publisher, Entity& root, bool fromStart, uint64_t knownTo)
+      : publisher_(publisher), root_(&root), starting(fromStart), since(knownTo) {}
   ~Feed() override { detach(); }  // while the root, which has the journal, is there
   void start(bool fromStart) {
-    if (fromStart)
+    sameToSay = since != 0 && root_->childJournal()->remembersSince(since);
+    if (sameToSay)
+      attachAfter(*root_->childJournal(), since, false);
+    else if (fromStart)
       attachAtHead(*root_->childJournal(), false);
     else
       attachAtEnd(*root_->childJournal(), false);
   }
   void rewind() {
     goToHead();
-    comparing = compareToSay = false;
+    comparing = compareToSay = sameToSay = false;
+    since = 0;
     starting = true;
     enqueue();
   }
@@ -40,6 +44,7 @@ class Publisher::Feed final : public Cursor {
   void activated() override { enqueue(); }
   bool isBounded() const override { return publisher_.isBounded(*root_); }
   void overrun() override {
+    sameToSay = false;
     comparing = compareToSay = true;
     enqueue();
   }
@@ -58,17 +63,19 @@ class Publisher::Feed final : public Cursor {
   bool starting;              // the first walk has not ended
   bool comparing = false;     // a walk to be compared has not ended
   bool compareToSay = false;  // and the peer was not told of its start
+  uint64_t since;             // the peer may have been told all up to that version
+  bool sameToSay = false;     // it has, and is to hear that it stands
 };
 
 Publisher::Publisher() = default;
 Publisher::~Publisher() = default;
 
-void Publisher::publish(Entity& root, uint32_t handle, bool fromStart) {
+void Publisher::publish(Entity& root, uint32_t handle, bool fromStart, uint64_t since) {
   Journal* journal = root.childJournal();
   if (handle != 0 && !handles_.count(&root)) handles_[&root] = {Ref<Entity>(&root), handle};
   auto& feed = feeds_[journal];
   if (feed) return;  // published already, as a part of something else
-  feed = std::make_unique<Feed>(*this, root, fromStart);
+  feed = std::make_unique<Feed>(*this, root, fromStart, since);
   if (fromStart) ++starting_;
   feed->start(fromStart);
   if (fromStart) feed->enqueue();
@@ -150,8 +157,29 @@ bool Publisher::waitsForOuter(Feed& feed) const {
   return outer != feeds_.end() && outer->second->queued;
 }
 
+// Journals below a root whose own journal says nothing of them.
+void Publisher::publishBelow(Entity& root, uint64_t since) {
+  for (const CollectionInfo& c : root.type().collections) {
+    if (c.child && c.child().journalOffset == 0 && c.child().collections.empty()) continue;
+    for (CollectionIterator it(root.collection(c)); it; it.next()) {
+      Entity& e = *it.get();
+      if (!visible(e)) continue;
+      if (e.type().journalOffset == 0)
+        publishBelow(e, since);
+      else if (!publishes(*e.childJournal()))
+        publish(e, 0, true, since);
+    }
+  }
+}
+
 // True when the feed has nothing left.
 bool Publisher::encodeFeed(Feed& feed, Encoder& out, size_t limit) {
+  if (std::exchange(feed.sameToSay, false)) {
+    const uint32_t handle = containerHandle(out, feed.root());
+    out.u8(static_cast<uint8_t>(Op::same));
+    out.varint(handle);
+    publishBelow(feed.root(), feed.since);
+  }
   if (feed.compareToSay) {
     feed.compareToSay = false;
     uint32_t handle = containerHandle(out, feed.root());
@@ -192,7 +220,7 @@ bool Publisher::encodeFeed(Feed& feed, Encoder& out, size_t limit) {
         encodeItem(out, *e, 0);
         sent(*e, fields);
       }
-      if (own && !publishes(*e->childJournal())) publish(*e, 0, true);
+      if (own && !publishes(*e->childJournal())) publish(*e, 0, true, feed.since);
     }
   }
   return false;

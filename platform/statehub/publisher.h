@@ -22,8 +22,9 @@ class RYX_PRIVATE Publisher {
 
   // Publishes all below `root`, an entity with a journal of its own, whose number on the wire is
   // `handle` (0: the publisher numbers it itself, and the peer learns it from `item`s).
-  // `fromStart`: what is there already, too.
-  void publish(Entity& root, uint32_t handle, bool fromStart);
+  // `fromStart`: what is there already, too; of journals that remember all that happened after the
+  // version `since` (0: nothing is known), that alone, where the peer has been told all up to it.
+  void publish(Entity& root, uint32_t handle, bool fromStart, uint64_t since = 0);
   bool publishes(const Journal& journal) const { return feeds_.count(&journal) != 0; }
   // The root's number, 0 when it is not published.
   uint32_t handleOf(const Entity& container) const;
@@ -93,6 +94,7 @@ class RYX_PRIVATE Publisher {
   void forget(Encoder& out, const Entity& container);
   void forgetDead(Encoder& out, Feed& feed);
   bool waitsForOuter(Feed& feed) const;
+  void publishBelow(Entity& root, uint64_t since);
 
   struct Numbered {
     Ref<Entity> entity;

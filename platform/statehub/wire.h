@@ -11,15 +11,16 @@ namespace ryx::platform {
 
 enum class Op : uint8_t {
   // Both ways.
-  hello = 1,    // magic, protocol version, who it is (or the hub's incarnation)
-  type = 2,     // number, name, key's wire form, attributes (name, wire form), collections (name)
-  item = 3,     // flags, container, collection, type, [handle], generation, key, attributes, 0
-  root = 4,     // container, attributes, 0: the container's own attributes
-  remove = 5,   // container, collection, type, generation, key
-  forget = 6,   // container: its number means nothing any more
-  cut = 7,      // everything up to some version was sent, and nothing newer is missing
-  sweep = 8,    // container, reach: what was not sent again since its `compare` is gone
+  hello = 1,   // magic, protocol version, who it is (or the hub's incarnation)
+  type = 2,    // number, name, key's wire form, attributes (name, wire form), collections (name)
+  item = 3,    // flags, container, collection, type, [handle], generation, key, attributes, 0
+  root = 4,    // container, attributes, 0: the container's own attributes
+  remove = 5,  // container, collection, type, generation, key
+  forget = 6,  // container: its number means nothing any more
+  cut = 7,     // everything up to some version (the hub says which) was sent, nothing newer missing
+  sweep = 8,   // container, reach: what was not sent again since its `compare` is gone
   compare = 9,  // container, reach: all below it is going to be sent again
+  same = 10,    // container: in its journal stands what stood at the cut, but for what follows
   // From a participant.
   mount = 20,      // number, path, type name, mode
   batch = 21,      // number of the writes behind it in this frame

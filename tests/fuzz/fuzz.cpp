@@ -238,6 +238,7 @@ inline void fuzzHub(const uint8_t* data, size_t size) {
   hello.varint(static_cast<uint64_t>(Role::agent));
   hello.text("a");
   hello.varint(0);
+  hello.varint(0);
   sendThenClose(fds[1], linkBytes(hello, data, size));
   require(hub.sessions() == 0, "who is gone leaves no session");
   require(status->intf.size() == 1 && status->intf.find(lag)->operStatus() == 1,

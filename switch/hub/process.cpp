@@ -69,23 +69,45 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
   return all;
 }
 
+// What the child needs, made ready before the process is split.
+struct Split {
+  const Program& program;
+  const Identity& identity;
+  char* const* arguments;
+  char* const* variables;
+  int null;       // /dev/null
+  int report[2];  // a pipe that ends when the child is another program, and else carries an errno
+};
+
 // In the child: nothing but system calls, since it shares the parent's memory until it is another
 // program.
-int become(const Program& program, const Identity& identity, char** arguments, char** variables,
-           int null) {
+int become(const Split& split) {
+  const int descriptor = split.program.descriptor;
+  const Identity& identity = split.identity;
   sigset_t none;
   sigemptyset(&none);
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
   ::setpgid(0, 0);
-  if (::dup2(null, STDIN_FILENO) < 0) return errno;
-  if (program.descriptor >= 0 && ::fcntl(program.descriptor, F_SETFD, 0) < 0) return errno;
+  if (::dup2(split.null, STDIN_FILENO) < 0) return errno;
+  if (descriptor >= 0 && ::fcntl(descriptor, F_SETFD, 0) < 0) return errno;
   // The system calls themselves: the library's own would tell the parent's other threads.
   if (identity.isOther &&
       (::syscall(SYS_setgroups, identity.groups.size(), identity.groups.data()) != 0 ||
        ::syscall(SYS_setgid, identity.gid) != 0 || ::syscall(SYS_setuid, identity.uid) != 0))
     return errno;
-  ::execvpe(program.path.c_str(), arguments, variables);
+  ::execvpe(split.program.path.c_str(), split.arguments, split.variables);
   return errno;
+}
+
+// The child's number, or -1. Apart from whatever the compiler keeps in registers elsewhere.
+[[gnu::noinline]] pid_t splitProcess(const Split& split) {
+  const pid_t pid = ::vfork();
+  if (pid == 0) {
+    const int failure = become(split);
+    if (::write(split.report[1], &failure, sizeof failure) < 0) ::_exit(126);
+    ::_exit(127);
+  }
+  return pid;
 }
 
 }  // namespace
@@ -121,19 +143,17 @@ std::unique_ptr<Process> Process::start(const Program& program, Ended ended, std
   std::vector<std::string> variableTexts = environmentOf(program, identity);
   const std::vector<char*> arguments = pointers(argumentTexts);
   const std::vector<char*> variables = pointers(variableTexts);
-  const int null = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  volatile int failure = 0;
-  const pid_t pid = ::vfork();
-  if (pid == 0) {
-    failure = become(program, identity, const_cast<char**>(arguments.data()),
-                     const_cast<char**>(variables.data()), null);
-    ::_exit(127);
-  }
-  if (pid < 0) failure = errno;
-  ::close(null);
-  const int pidfd =
-      pid < 0 || failure != 0 ? -1 : static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-  if (pid > 0 && failure == 0 && pidfd < 0) failure = errno;
+  Split split{program, identity, arguments.data(), variables.data(), -1, {-1, -1}};
+  split.null = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  int failure = ::pipe2(split.report, O_CLOEXEC) == 0 ? 0 : errno;
+  const pid_t pid = failure == 0 ? splitProcess(split) : -1;
+  if (failure == 0 && pid < 0) failure = errno;
+  ::close(split.null);
+  ::close(split.report[1]);
+  if (pid > 0 && ::read(split.report[0], &failure, sizeof failure) < 0) failure = errno;
+  ::close(split.report[0]);
+  const int pidfd = failure == 0 ? static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)) : -1;
+  if (failure == 0 && pidfd < 0) failure = errno;
   if (failure != 0) {
     if (pid > 0) {
       ::kill(pid, SIGKILL);

@@ -41,6 +41,11 @@ Journal::Journal() {
 
 void Journal::detachAll() {
   while (oldest_) oldest_->detach();
+  for (JournalNode* n = end_.next; n != &end_;) {
+    JournalNode* following = n->next;
+    if (isTombstone(n)) dropTombstone(static_cast<Entity&>(*n));
+    n = following;
+  }
 }
 
 Journal::~Journal() {
@@ -87,6 +92,8 @@ void Journal::noteOrigin(Entity& e, uint64_t before) {
 }
 
 void Journal::died(Entity& e) {
+  // Nobody comes back to what is gone: its own tombstones, which keep it, are not kept.
+  if (uint16_t own = e.type().journalOffset) static_cast<Journal*>(e.at(own))->sweep();
   if (clock_->origins) e.dirtyIs(clock_->origin);
   bool wanted = kept() != 0 || (oldest_ && (forgetfulCursors_ != 0 || e.seen != 0));
   if (!wanted) {

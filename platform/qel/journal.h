@@ -110,7 +110,9 @@ class Journal {
   void dropTombstone(Entity& e);
   // Frees the tombstones that no cursor is before, the oldest first, but those that are kept.
   void sweep();
-  uint32_t kept() const { return clock_ && clock_->origins ? kKeptTombstones : 0; }
+  uint32_t kept() const {
+    return clock_ && clock_->origins && !root_->dead() ? kKeptTombstones : 0;
+  }
   void boundTombstones();
 
   JournalNode end_;

@@ -169,7 +169,7 @@ int run(int argc, char** argv) {
 
   CLI::App* trace = add(app, "trace",
                         "What a participant traces, besides its own setting.\n"
-                        "Example: ryx trace watcher RyxSdkIntf/9; ryx trace watcher off",
+                        "Example: ryx trace watcher RyxSdkIntf/0-9; ryx trace watcher off",
                         [&](Session& s) { traces(s, given.name, given.setting, plain); });
   trace->add_option("NAME", given.name, "an agent, a service, or ryxd")->required();
   trace->add_option("SETTING", given.setting, "as RYX_TRACE has it, or off");

@@ -663,9 +663,12 @@ TEST_F(LinkTest, WhoeverSaysNothingKeepsNobodyOut) {
 }
 
 TEST_F(LinkTest, WhatIsPastALimitIsRefusedToldAndCounted) {
+  constexpr const char* kOwnStatus = "daemon/agent/status/a";
   hub->limitsAre({.entities = 4, .bytes = 20'000, .mounts = 2});
-  Peer a = peer("a", {kAgentStatus, kLagConfig, kLagStatus}), b = peer("b", {kAgentStatus});
+  Peer a = peer("a", {kAgentStatus, kLagConfig, {kOwnStatus, "GenericAgent::Status", "wc"}});
+  Peer b = peer("b", {kAgentStatus});
   EXPECT_EQ(MountStatus::refused, a.status);
+  EXPECT_EQ(nullptr, tree.find(kOwnStatus)) << "a mount that is refused makes nothing";
   EXPECT_EQ(1u, hub->counters().pastLimits);
   auto* mine = a.em->find<Dir>("daemon/agent/status")->entry.create<GenericAgent::Status>("a");
   for (int i = 0; i < 3; ++i) mine->data.set(std::to_string(i), "x");
@@ -692,6 +695,18 @@ TEST_F(LinkTest, WhatIsPastALimitIsRefusedToldAndCounted) {
   settle();
   EXPECT_EQ(std::string(9'000, 'v'), mine->data.get("1")->bytes());
   EXPECT_LT(2u, hub->counters().pastLimits);
+  // The same for a container's own attributes.
+  Peer c = peer("c", {kInput});
+  auto* input =
+      c.em->find<Dir>("routing/vrf/input/default")->entry.create<Routing::RouteInput>("RyxSdk-c");
+  input->showRouteKey.set(std::string(9'000, 'v'));
+  settle();
+  input->redistributionName.set(std::string(19'000, 'v'));
+  settle();
+  time.advance(2);
+  input->redistributionName.set(std::string(18'000, 'w'));
+  settle();
+  EXPECT_EQ(std::string(19'000, 'v'), input->redistributionName());
   // The others notice nothing.
   b.em->find<Dir>("daemon/agent/status")
       ->entry.create<GenericAgent::Status>("b")

@@ -144,8 +144,7 @@ class Hub::Session final : public Writer,
       refused(item, there, true);
       return {nullptr, true, 0};
     }
-    if (((create && !there && made_ >= hub_.limits_.entities) || held_ >= hub_.limits_.bytes) &&
-        !roomAgain()) {
+    if ((create && !there && made_ >= hub_.limits_.entities && !roomAgain()) || !mayHoldMore()) {
       tellPastLimits();
       refused(item, there, false);
       return {there, true, 0};
@@ -175,6 +174,12 @@ class Hub::Session final : public Writer,
   void below(Entity& dead, uint8_t flags) override {
     if ((flags & kItemTell) && dead.parent())
       tellOf(*dead.parent(), &dead.owner()->info(), Ref<Entity>(&dead), true);
+  }
+  uint32_t rootKeep(Entity& root) override {
+    if (mayHoldMore()) return 0;
+    tellPastLimits();
+    rootRefused(root);
+    return ~0u;
   }
   void rootApplied(Entity& root, uint32_t, uint8_t flags) override {
     if (flags & kItemTell) tellOf(root, nullptr, {}, false);
@@ -225,6 +230,7 @@ class Hub::Session final : public Writer,
     recountAt_ = end + std::max(1.0, 20 * (end - start));
     return made_ < hub_.limits_.entities && held_ < hub_.limits_.bytes;
   }
+  bool mayHoldMore() { return held_ < hub_.limits_.bytes || roomAgain(); }
   void tellPastLimits() {
     ++hub_.counters_.pastLimits;
     if (pastLimits_++ == 0)
@@ -338,12 +344,11 @@ class Hub::Session final : public Writer,
     uint64_t since = d.varint();
     if (d.failed() || path.size() > kMaxPath) return broken("a malformed mount");
     Entity* root = nullptr;
-    MountStatus status = resolve(path, typeName, mode, &root);
-    if (mountPaths_.size() >= hub_.limits_.mounts) {
-      status = MountStatus::refused;
-      tellPastLimits();
-      if (pastLimits_ > hub_.limits_.mounts) return broken("too many mounts");
-    }
+    MountStatus status = MountStatus::refused;
+    if (mountPaths_.size() < hub_.limits_.mounts)
+      status = resolve(path, typeName, mode, &root);
+    else if (tellPastLimits(); pastLimits_ > hub_.limits_.mounts)
+      return broken("too many mounts");
     controls_.u8(static_cast<uint8_t>(Op::mounted));
     controls_.varint(id);
     controls_.varint(static_cast<uint64_t>(status));

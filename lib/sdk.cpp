@@ -130,12 +130,8 @@ void sdk_context::connectionIs(std::unique_ptr<platform::EntityManager> connecti
   const sdk_scoped_lock lock;
   own_ = std::move(connection);
   connection_ = own_.get();
-  reconnection_ = std::make_unique<platform::Reconnection>(
-      *connection_, settings, [this](const std::string& why) {
-        std::fprintf(stderr, "The agent \"%s\" is turned away by its Statehub: %s.\n",
-                     connection_->agentName().c_str(), why.c_str());
-        std::exit(1);
-      });
+  reconnection_ =
+      std::make_unique<platform::Reconnection>(*connection_, settings, [] { std::exit(1); });
   if (!platform::localSelected())
     traces_ = std::make_unique<platform::TraceControl>(*connection_, connection_->agentName());
 }

@@ -62,8 +62,9 @@ int connectTo(int fd, const sockaddr* address, socklen_t size, const std::string
     while (result != 0 && errno == EINTR);
     if (result == 0) return fd;
   }
-  *why = "no server at " + name + " (" + std::strerror(errno) + ")";
-  if (isLate) *isLate = errno == ENOENT || errno == ECONNREFUSED || errno == EAGAIN;
+  const int error = errno;
+  *why = "no server at " + name + " (" + std::strerror(error) + ")";
+  if (isLate) *isLate = error == ENOENT || error == ECONNREFUSED || error == EAGAIN;
   if (fd >= 0) ::close(fd);
   return -1;
 }
@@ -156,11 +157,11 @@ void Reconnection::tell(const std::string& what) const {
 
 void Reconnection::lost() {
   const std::string why = em_.farewell();
-  if (!why.empty() && !em_.welcomed() && turnedAway_) return turnedAway_(why);
   if (!why.empty() && why != told_)
     tell("is turned away by its Statehub: " + why);
   else if (state_ == State::connected)
     tell("has lost its Statehub, and waits for it");
+  if (!why.empty() && !em_.welcomed() && turnedAway_) return turnedAway_();
   told_ = why;
   wait_ = state_ == State::connected ? kFirstSeconds : std::min(2 * wait_, kLongestSeconds);
   searchLater();

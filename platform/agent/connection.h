@@ -50,11 +50,11 @@ class RYX_PRIVATE Reconnection final : private Timer {
   static constexpr double kLongestSeconds = 2;
   static constexpr double kLastsSeconds = 1;
 
-  using TurnedAway = std::function<void(const std::string& why)>;
+  using TurnedAway = std::function<void()>;
 
   // Of that connection, which outlives it; one that has no server yet gets its first one.
-  // `turnedAway` is called when a server does not let it in that never did; without it, it is told
-  // on standard error, and tried again.
+  // `turnedAway` is called, once that was told, when a server does not let it in that never did;
+  // without it, it is tried again.
   Reconnection(EntityManager& em, const ConnectionSettings& settings, TurnedAway turnedAway = {});
 
  private:

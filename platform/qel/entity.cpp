@@ -99,21 +99,12 @@ const TypeInfo* const* TypeInfo::table = nullptr;
 
 TypeBuilder::TypeBuilder(const char* name, size_t size, const TypeInfo* base,
                          void (*construct)(void*), void (*destroy)(Entity*))
-    : type_(new TypeInfo{name,
-                         0,
-                         size,
-                         base,
-                         construct,
-                         destroy,
-                         {},
-                         {},
-                         0,
-                         nullptr,
-                         0,
-                         false,
-                         0,
-                         0,
-                         Slab(size)}) {
+    : type_(new TypeInfo{.name = name,
+                         .size = size,
+                         .base = base,
+                         .construct = construct,
+                         .destroy = destroy,
+                         .slab = Slab(size)}) {
   check(size <= UINT16_MAX, "a type's members are within 64 KiB");
 }
 

@@ -156,19 +156,19 @@ class Slab {
 
 struct TypeInfo {
   std::string name;
-  uint16_t id;
+  uint16_t id = 0;
   size_t size;
   const TypeInfo* base;  // the type that this one extends, or null
   void (*construct)(void*);
   void (*destroy)(Entity*);
-  std::vector<FieldInfo> fields;
-  std::vector<CollectionInfo> collections;
-  uint16_t keyOffset;
-  const Kind* keyKind;
-  uint16_t journalOffset;     // 0: the type has no journal of its own
-  bool keyedByName;           // the key is a Name: it may stand in a directory
-  uint32_t secretFields;      // a bit for each, as kSecret
-  uint32_t persistentFields;  // the same for kPersistent
+  std::vector<FieldInfo> fields{};
+  std::vector<CollectionInfo> collections{};
+  uint16_t keyOffset = 0;
+  const Kind* keyKind = nullptr;
+  uint16_t journalOffset = 0;     // 0: the type has no journal of its own
+  bool keyedByName = false;       // the key is a Name: it may stand in a directory
+  uint32_t secretFields = 0;      // a bit for each, as kSecret
+  uint32_t persistentFields = 0;  // the same for kPersistent
   mutable Slab slab;
 
   bool is(const TypeInfo& other) const {

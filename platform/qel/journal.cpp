@@ -41,11 +41,7 @@ Journal::Journal() {
 
 void Journal::detachAll() {
   while (oldest_) oldest_->detach();
-  for (JournalNode* n = end_.next; n != &end_;) {
-    JournalNode* following = n->next;
-    if (isTombstone(n)) dropTombstone(static_cast<Entity&>(*n));
-    n = following;
-  }
+  sweepTo(0);
 }
 
 Journal::~Journal() {
@@ -122,8 +118,8 @@ void Journal::dropTombstone(Entity& e) {
   --e.refs;
 }
 
-void Journal::sweep() {
-  for (JournalNode* n = end_.next; tombstones_ > kept() && n != &end_;) {
+void Journal::sweepTo(uint32_t keep) {
+  for (JournalNode* n = end_.next; tombstones_ > keep && n != &end_;) {
     if (n->typeId == JournalNode::kCursor) return;
     JournalNode* following = n->next;
     if (isTombstone(n)) dropTombstone(static_cast<Entity&>(*n));

@@ -109,7 +109,8 @@ class Journal {
   RYX_PRIVATE bool judge(const Entity& e, const Entity* parent);
   void dropTombstone(Entity& e);
   // Frees the tombstones that no cursor is before, the oldest first, but those that are kept.
-  void sweep();
+  void sweep() { sweepTo(kept()); }
+  void sweepTo(uint32_t keep);
   uint32_t kept() const {
     return clock_ && clock_->origins && !root_->dead() ? kKeptTombstones : 0;
   }

@@ -33,14 +33,17 @@ class RyxTest : public testing::Test {
     std::ofstream(directory_ / "scenario")
         << "interface-add Ethernet1 eth1\noper-status Ethernet1 1\n"
            "interface-add Ethernet3/1\ninterface-add Port-Channel10\n";
-    ryxd_ = std::make_unique<Program>(
-        std::vector<std::string>{kBinary + "ryxd", "--statehubsockname=" + socket_,
-                                 "--state=" + (directory_ / "state").string(),
-                                 "--service=sim:" + (directory_ / "scenario").string()});
+    start();
     ryxd_->line("listening");
   }
   ~RyxTest() override { EXPECT_EQ(0, ryxd_->kill(SIGTERM)); }
 
+  void start() {
+    ryxd_ = std::make_unique<Program>(
+        std::vector<std::string>{kBinary + "ryxd", "--statehubsockname=" + socket_,
+                                 "--state=" + (directory_ / "state").string(),
+                                 "--service=sim:" + (directory_ / "scenario").string()});
+  }
   std::vector<std::string> words(const std::vector<std::string>& command) const {
     std::vector<std::string> all = {kBinary + "ryx", "--statehubsockname=" + socket_};
     all.insert(all.end(), command.begin(), command.end());
@@ -123,6 +126,19 @@ TEST_F(RyxTest, WatchesAndSets) {
   EXPECT_EQ(0, lines.kill(SIGTERM));
 }
 
+TEST_F(RyxTest, OutlivesItsServer) {
+  const std::string port = "/interface/config/eth/phy/slice/1/Ethernet1";
+  Program watch(words({"watch", port}));
+  watch.line("created");
+  ryxd_->kill(SIGKILL);
+  watch.line("has lost its Statehub, and waits for it");
+  start();
+  // A command that is given while the server still starts waits for it.
+  ryx({"set", port, "description=again"});
+  EXPECT_NE(std::string::npos, watch.line("description= -> again").find(" changed " + port));
+  EXPECT_EQ(0, watch.kill(SIGINT));
+}
+
 TEST_F(RyxTest, RunsAnAgent) {
   ryx({"agent", "add", "watcher", "--exec", kAgent, "--option", "color=blue",
        "--argument=Ethernet1", "--option=size=a=b"});
@@ -188,7 +204,7 @@ TEST_F(RyxTest, EachMistakeIsTold) {
       {{"set", "/interface/status/eth/phy/slice/1/Ethernet1", "operStatus=2"},
        1,
        "it is not an operator's to write"},
-      {{"agent", "add", "a-b"}, 2, "an agent's name has no '-'"},
+      {{"agent", "add", "a-b"}, 2, "expected an agent's name without '-'"},
       {{"agent", "add", "a.b"}, 2, "expected an agent's name: 1 to 32 letters"},
       {{"agent", "add", "there"}, 1, "there is an agent \"there\" already"},
       {{"agent", "add", "x", "--exec=/no/such"}, 1, "there is no program /no/such"},

@@ -547,6 +547,12 @@ TEST_F(RyxdTest, WhatIsInTheWayIsTold) {
     program.line(mistake.told);
     EXPECT_EQ(mistake.status, program.end()) << mistake.told;
   }
+  // A name without a folder is a name in the folder where the server was started.
+  Program here({"/bin/sh", "-c",
+                "cd " + (directory_ / "").string() + " && exec " + kRyxd +
+                    " --statehubsockname=here --state=other"});
+  EXPECT_EQ("ryxd: listening at here", here.line("listening"));
+  EXPECT_EQ(0, here.kill(SIGTERM));
   // A service that cannot start is told, and the others are served all the same.
   auto words = server();
   words.back() += ".missing";

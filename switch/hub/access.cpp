@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "switch/base/names.h"
+
 namespace ryx::hub {
 
 using platform::HubPeer;
@@ -51,12 +53,6 @@ bool mayEverything(int64_t uid) {
 }
 
 }  // namespace
-
-std::string userName(int64_t uid) {
-  if (uid < 0) return "unknown";
-  const passwd* user = ::getpwuid(static_cast<uid_t>(uid));
-  return user ? user->pw_name : std::to_string(uid);
-}
 
 std::string Access::turnsAway(const Participant& who, const HubPeer& peer) {
   if (peer.isStarted) {

@@ -28,7 +28,4 @@ class Access final : public platform::Doorkeeper {
   std::function<bool(std::string_view, int64_t)> isOwn_;
 };
 
-// The user's name, or the number where it has none.
-std::string userName(int64_t uid);
-
 }  // namespace ryx::hub

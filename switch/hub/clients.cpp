@@ -8,6 +8,7 @@
 
 #include "platform/base/clock.h"
 #include "platform/model/statehub.h"
+#include "switch/base/names.h"
 #include "switch/hub/access.h"
 
 namespace ryx::hub {

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <functional>
 
+#include "switch/base/names.h"
+
 // Some malformed keys meet an assertion of the parser's own: that is one more way to be told of
 // them.
 struct AssertionOfParser {};
@@ -146,11 +148,8 @@ std::string faultOfUser(const std::string& name) {
 }
 
 std::string faultOfAgent(const std::string& name) {
-  if (name == "*") return "";
-  const bool good = !name.empty() && name.size() <= 32 &&
-                    std::all_of(name.begin(), name.end(),
-                                [](unsigned char c) { return std::isalnum(c) || c == '_'; });
-  return good ? "" : "expected an agent's name: 1 to 32 letters, digits and underscores; or \"*\"";
+  const std::string fault = name == "*" ? "" : faultOfAgentName(name);
+  return fault.empty() ? "" : fault + "; or \"*\"";
 }
 
 std::string faultOfPeer(const std::string& text) {

@@ -1,13 +1,11 @@
 // ryxd: the Statehub server of one switch, and the supervisor of its services and agents.
 #include <getopt.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <string>
@@ -19,6 +17,7 @@
 #include "platform/model/wellknown.h"
 #include "platform/statehub/entity_manager.h"
 #include "platform/statehub/hub.h"
+#include "switch/base/stop_signals.h"
 #include "switch/hub/access.h"
 #include "switch/hub/clients.h"
 #include "switch/hub/config.h"
@@ -145,27 +144,6 @@ Options parse(int argc, char** argv) {
   return options;
 }
 
-class Signals final : private ryx::platform::Descriptor {
- public:
-  // The signals are blocked from here on, in every thread that is started later too.
-  static int block() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, signal);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    return ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-  }
-  Signals() : Descriptor(block(), "Signals") { readableInterestIs(true); }
-
-  std::function<void()> stop;
-
- private:
-  void onReadable() override {
-    signalfd_siginfo info;
-    if (::read(fd(), &info, sizeof info) == sizeof info) stop();
-  }
-};
-
 void tellManager(const std::string& lines) {
   if (const std::string why = ryx::hub::notify(lines); !why.empty())
     std::fprintf(stderr, "ryxd: %s\n", why.c_str());
@@ -173,7 +151,8 @@ void tellManager(const std::string& lines) {
 
 int run(const Options& options) {
   const ryx::hub::Config& config = options.config;
-  Signals signals;
+  std::function<void()> stop;
+  const ryx::StopSignals signals([&] { stop(); });
   ryx::platform::Tree tree;
   ryx::platform::makeWellKnown(tree);
   std::string error;
@@ -190,10 +169,10 @@ int run(const Options& options) {
   const auto own = ryx::platform::EntityManager::embedded("", tree);
   const ryx::platform::TraceControl traces(*own, "ryxd");
 
-  if (const std::string why = ryx::hub::makeFolder(
-          config.socket.substr(0, std::max<size_t>(config.socket.rfind('/'), 1)), 0755);
-      !why.empty())
-    fail("cannot make the folder of " + config.socket + ": " + why);
+  if (const size_t slash = config.socket.rfind('/'); slash != std::string::npos && slash != 0)
+    if (const std::string why = ryx::hub::makeFolder(config.socket.substr(0, slash), 0755);
+        !why.empty())
+      fail("cannot make the folder of " + config.socket + ": " + why);
   auto server = ryx::hub::Server::listen(hub, config.socket, &error);
   if (!server) fail(error);
   std::unique_ptr<ryx::hub::Server> port;
@@ -205,7 +184,7 @@ int run(const Options& options) {
   access.ownProcessIs(
       [&](std::string_view agent, int64_t pid) { return supervisor.runs(agent, pid); });
   ryx::hub::Clients clients(hub, [&](const std::string& agent) { supervisor.silent(agent); });
-  signals.stop = [&] {
+  stop = [&] {
     tellManager("STOPPING=1");
     supervisor.stop([] { activity().executionTimeIs(0); });
   };

@@ -46,8 +46,12 @@ DirEntries& entries(Tree& tree, const char* path) {
 
 class Supervisor::Supervised : private Timer {
  public:
-  Supervised(Supervisor& supervisor, const char* place, std::string name)
-      : Timer("Supervised"), supervisor_(supervisor), place_(place), name_(std::move(name)) {}
+  Supervised(Supervisor& supervisor, Role role, const char* place, std::string name)
+      : Timer("Supervised"),
+        supervisor_(supervisor),
+        role_(role),
+        place_(place),
+        name_(std::move(name)) {}
   ~Supervised() override = default;
 
   const std::string& name() const { return name_; }
@@ -88,7 +92,6 @@ class Supervisor::Supervised : private Timer {
   virtual bool program(Program* program, std::string* why) = 0;
   // Something else has its place: what; it is looked at again soon. Empty: nothing.
   virtual std::string inTheWay() { return ""; }
-  virtual HubPeer peer() const = 0;
   virtual double stopSeconds() const = 0;
   // Whether one that left with that status has done what it was to do.
   virtual bool isContent(int /*status*/) const { return false; }
@@ -211,6 +214,17 @@ class Supervisor::Supervised : private Timer {
     supervisor_.ended(*this);  // the last word: this one may be gone
   }
 
+  // As whom it comes to the hub.
+  HubPeer peer() const {
+    HubPeer peer;
+    peer.isStarted = true;
+    peer.role = role_;
+    peer.name = name_;
+    peer.uid = ::getuid();
+    return peer;
+  }
+
+  const Role role_;
   const char* const place_;
   const std::string name_;
   std::unique_ptr<Process> process_;
@@ -225,17 +239,12 @@ class Supervisor::Supervised : private Timer {
 class Supervisor::Agent final : public Supervised {
  public:
   Agent(Supervisor& supervisor, const std::string& name)
-      : Supervised(supervisor, kAgentProcesses, name) {}
+      : Supervised(supervisor, Role::agent, kAgentProcesses, name) {}
 
   // Its configuration is gone, and it is to go with all that it left.
   bool isToGo = false;
 
-  // The process that is connected as this agent, 0 for none, -1 for one that is not known.
-  int64_t connected() const {
-    for (const HubParticipant& p : supervisor_.hub_.participants())
-      if (p.role == Role::agent && p.name == name()) return p.peer.pid;
-    return 0;
-  }
+  int64_t connected() const { return supervisor_.connected(name()); }
 
  private:
   const AgentConfig* config() const {
@@ -271,14 +280,6 @@ class Supervisor::Agent final : public Supervised {
     return "another process is connected under its name" +
            (pid > 0 ? ": " + std::to_string(pid) : "");
   }
-  HubPeer peer() const override {
-    HubPeer peer;
-    peer.isStarted = true;
-    peer.role = Role::agent;
-    peer.name = name();
-    peer.uid = ::getuid();
-    return peer;
-  }
   double stopSeconds() const override { return supervisor_.config_.stopSeconds; }
   bool isContent(int status) const override { return status == 0; }
   void ended() override {
@@ -291,7 +292,7 @@ class Supervisor::Agent final : public Supervised {
 class Supervisor::Service final : public Supervised {
  public:
   Service(Supervisor& supervisor, std::string service)
-      : Supervised(supervisor, kServiceProcesses, nameOfService(service)),
+      : Supervised(supervisor, Role::service, kServiceProcesses, nameOfService(service)),
         service_(std::move(service)) {}
   bool serves() const {
     return entries(supervisor_.hub_.tree(), kServiceStatuses).find(Name(name())) != nullptr;
@@ -304,14 +305,6 @@ class Supervisor::Service final : public Supervised {
     program->path = "/proc/self/exe";
     program->arguments = {"ryx-service", "--serve=" + service_, "--statehubfd="};
     return true;
-  }
-  HubPeer peer() const override {
-    HubPeer peer;
-    peer.isStarted = true;
-    peer.role = Role::service;
-    peer.name = name();
-    peer.uid = ::getuid();
-    return peer;
   }
   double stopSeconds() const override { return 0; }
   void ended() override { entries(supervisor_.hub_.tree(), kServiceStatuses).erase(Name(name())); }
@@ -369,7 +362,7 @@ class Supervisor::Purges final : private JournalReactor {
     if (!wish || change != Change::created) return;
     const std::string name(wish->key().view());
     auto at = supervisor_.agents_.find(name);
-    const int64_t pid = Agent(supervisor_, name).connected();
+    const int64_t pid = supervisor_.connected(name);
     if (pid != 0 || (at != supervisor_.agents_.end() && at->second->runs())) {
       wish->refusal.set("the agent is running" +
                         (pid > 0 ? " (process " + std::to_string(pid) + ")" : "") +
@@ -477,6 +470,12 @@ void Supervisor::stop(std::function<void()> done) {
 bool Supervisor::runs(std::string_view agent, int64_t pid) const {
   auto at = agents_.find(std::string(agent));
   return at != agents_.end() && pid > 0 && at->second->pid() == pid;
+}
+
+int64_t Supervisor::connected(std::string_view agent) const {
+  for (const HubParticipant& p : hub_.participants())
+    if (p.role == Role::agent && p.name == agent) return p.peer.pid;
+  return 0;
 }
 
 void Supervisor::silent(const std::string& name) {

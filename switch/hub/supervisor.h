@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/model/agent.h"
@@ -59,6 +60,8 @@ class Supervisor final : private platform::JournalReactor {
   void consider(const platform::Name& name);
   void ended(Supervised& one);
   void lookWhetherStopped();
+  // The process that is connected as that agent, 0 for none, -1 for one that is not known.
+  int64_t connected(std::string_view agent) const;
 
   platform::Hub& hub_;
   const Config& config_;

@@ -1,10 +1,6 @@
 // Commands that look at the state: ls, show, watch, clients, service.
-#include <sys/signalfd.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <ctime>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -13,6 +9,7 @@
 #include "platform/model/agent.h"
 #include "platform/model/statehub.h"
 #include "platform/qel/reactor.h"
+#include "switch/base/stop_signals.h"
 #include "switch/operator/commands.h"
 #include "switch/operator/state.h"
 #include "switch/operator/table.h"
@@ -172,21 +169,6 @@ class Watcher final : private JournalReactor {
   std::map<std::string, std::vector<Shown>> known_;
 };
 
-class Signals final : private Descriptor {
- public:
-  static int block() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, signal);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    return ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-  }
-  Signals() : Descriptor(block(), "Signals") { readableInterestIs(true); }
-
- private:
-  void onReadable() override { activity().executionTimeIs(0); }
-};
-
 std::string withoutEndSlash(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   return path.starts_with("/") ? path : "/" + path;
@@ -222,7 +204,7 @@ void show(Session& session, const std::string& path, const Output& to) {
 
 void watch(Session& session, const ConnectionSettings& settings, const std::string& path,
            const Output& to) {
-  const Signals signals;
+  const StopSignals signals([] { activity().executionTimeIs(0); });
   Entity& root = session.mount(path);
   const Watcher watcher(root, withoutEndSlash(path), to);
   const Reconnection reconnection(session.connection(), settings);

@@ -1,21 +1,16 @@
 #include "switch/operator/session.h"
 
-#include <pwd.h>
 #include <unistd.h>
 
 #include "platform/activity/activity.h"
 #include "platform/base/clock.h"
+#include "switch/base/names.h"
 
 namespace ryx::operators {
 
 using namespace platform;
 
 namespace {
-
-std::string userName() {
-  const passwd* user = ::getpwuid(::getuid());
-  return user ? user->pw_name : std::to_string(::getuid());
-}
 
 std::string withoutLast(const std::string& path) {
   return path.substr(0, path.find_last_of('/', path.size() - 1));
@@ -25,12 +20,17 @@ std::string withoutLast(const std::string& path) {
 
 Session::Session(const ConnectionSettings& settings) {
   std::string why;
-  const int fd = connectToServer(settings, &why);
+  bool isLate = false;
+  int fd = connectToServer(settings, &why, &isLate);
+  for (const double end = clock().now() + kComing; fd < 0 && isLate && clock().now() < end;) {
+    ::usleep(20'000);
+    fd = connectToServer(settings, &why, &isLate);
+  }
   if (fd < 0)
     throw Failure(kNoServer, why +
                                  "\nStart one with ryxd, or name its socket by "
                                  "--statehubsockname=PATH or STATEHUBSOCKNAME.");
-  std::string user = userName();
+  std::string user = userName(::getuid());
   for (char& c : user)
     if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-') c = '_';
   em_ = EntityManager::overSocket(fd, Participant(Role::operators, user.substr(0, 64)));
@@ -51,27 +51,28 @@ void Session::throwLost() const {
   throw Failure(kFailed, "the server turns this command away: " + why);
 }
 
-MountStatus Session::tryMount(const std::string& path) {
-  groups_.push_back(em_->mountGroup());
+bool Session::tryMount(const std::string& path, const char* mode) {
+  const auto [at, isNew] = groups_.try_emplace({path, mode}, em_->mountGroup());
+  if (!isNew) return true;
   MountStatus status = MountStatus::pending;
-  groups_.back()->add(path, "", "w");
-  groups_.back()->close([&](MountStatus s) { status = s; });
+  at->second->add(path, "", mode);
+  at->second->close([&](MountStatus s) { status = s; });
   if (!wait([&] { return status != MountStatus::pending; }, 6 * kPatience))
     throw Failure(kFailed, "the server does not answer");
-  return status;
+  if (status != MountStatus::success) groups_.erase(at);
+  return status == MountStatus::success;
 }
 
-Entity& Session::mount(const std::string& path) {
+Entity& Session::mount(const std::string& path, const char* mode) {
   for (std::string at = path; !at.empty() && at != "/"; at = withoutLast(at))
-    if (tryMount(at) == MountStatus::success) return *tree().find(at);
-  if (path.empty() || path == "/")
-    if (tryMount("/") == MountStatus::success) return tree().root();
+    if (tryMount(at, mode)) return *tree().find(at);
+  if ((path.empty() || path == "/") && tryMount("/", mode)) return tree().root();
   throw Failure(kFailed, "nothing stands at " + path + "; ryx ls / tells what there is");
 }
 
-DirEntries& Session::directory(const std::string& path) {
-  auto* dir = mount(path).as<Dir>();
-  if (!dir) throw Failure(kFailed, "the server has no directory " + path);
+DirEntries& Session::entriesOf(Entity& entity) {
+  auto* dir = entity.as<Dir>();
+  if (!dir) throw Failure(kFailed, "the server has no directory " + entity.path());
   return dir->entry;
 }
 

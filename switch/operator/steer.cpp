@@ -11,6 +11,7 @@
 #include "platform/model/sim.h"
 #include "platform/model/statehub.h"
 #include "platform/trace/trace.h"
+#include "switch/base/names.h"
 #include "switch/operator/commands.h"
 #include "switch/operator/state.h"
 #include "switch/operator/table.h"
@@ -46,21 +47,8 @@ std::string absolute(const std::string& program) {
   return path;
 }
 
-void checkAgentName(const std::string& name) {
-  if (name.find('-') != std::string::npos)
-    failUsage("\"" + name +
-              "\": an agent's name has no '-': the part behind it would be taken for "
-              "the name");
-  const bool good = !name.empty() && name.size() <= 32 &&
-                    std::all_of(name.begin(), name.end(),
-                                [](unsigned char c) { return std::isalnum(c) || c == '_'; });
-  if (!good)
-    failUsage("\"" + name +
-              "\"; expected an agent's name: 1 to 32 letters, digits and underscores");
-}
-
 GenericAgent::Config& configOf(Session& session, const std::string& name) {
-  auto* config = session.directory(kConfigs).find<GenericAgent::Config>(name);
+  auto* config = session.directoryToWrite(kConfigs).find<GenericAgent::Config>(name);
   if (!config)
     fail("there is no agent \"" + name + "\"; ryx agent show lists those that there are");
   return *config;
@@ -81,7 +69,7 @@ void addOptions(GenericAgent::Config& config, const std::vector<std::string>& op
 }  // namespace
 
 void set(Session& session, const std::string& path, const std::vector<std::string>& assignments) {
-  session.mount(path);
+  session.mountToWrite(path);
   Entity* deepest = nullptr;
   Entity* e = findPath(session.tree(), path, &deepest);
   if (!e) fail("nothing stands at " + path + "; there is " + deepest->path());
@@ -106,7 +94,7 @@ void set(Session& session, const std::string& path, const std::vector<std::strin
 
 void traces(Session& session, const std::string& name, const std::string& setting,
             const Output& to) {
-  DirEntries& all = session.directory("daemon/trace");
+  DirEntries& all = session.directoryToWrite("daemon/trace");
   auto* there = all.find<GenericAgent::Trace>(name);
   if (setting.empty()) {
     to.out << (there ? there->setting() : "off") << "\n";
@@ -129,7 +117,7 @@ void simulate(Session& session, const std::string& line) {
   const auto* service =
       session.directory("daemon/service/status").find<GenericAgent::Service>("sim");
   if (!service) fail("the server runs no simulated switch; start it with ryxd --service=sim");
-  DirEntries& all = session.directory("switch/sim/command");
+  DirEntries& all = session.directoryToWrite("switch/sim/command");
   const Ref<platform::Sim::Command> command(
       all.create<platform::Sim::Command>("ryx" + std::to_string(::getpid())));
   command->line.set(line);
@@ -144,13 +132,14 @@ void simulate(Session& session, const std::string& line) {
 // --- agents -------------------------------------------------------------------------------------
 
 void addAgent(Session& session, const NewAgent& agent) {
-  checkAgentName(agent.name);
+  if (const std::string fault = faultOfAgentName(agent.name); !fault.empty())
+    failUsage("\"" + agent.name + "\"; " + fault);
   const std::string exec = agent.exec.empty() ? "" : absolute(agent.exec);
   if (agent.enable && exec.empty())
     failUsage(
         "--enable needs a program to run: --exec=PROGRAM; an agent that is started by hand "
         "needs neither");
-  DirEntries& all = session.directory(kConfigs);
+  DirEntries& all = session.directoryToWrite(kConfigs);
   if (all.find(Name(agent.name)))
     fail("there is an agent \"" + agent.name + "\" already; ryx agent remove takes it away");
   // What can be wrong with it is wrong before it is made.
@@ -169,7 +158,7 @@ void addAgent(Session& session, const NewAgent& agent) {
 
 void removeAgent(Session& session, const std::string& name) {
   configOf(session, name);
-  session.directory(kConfigs).erase(name);
+  session.directoryToWrite(kConfigs).erase(name);
   session.commit();
 }
 
@@ -265,7 +254,7 @@ void showAgents(Session& session, const std::string& only, const Output& to) {
 }
 
 void purgeAgent(Session& session, const std::string& name) {
-  DirEntries& wishes = session.directory("daemon/agent/purge");
+  DirEntries& wishes = session.directoryToWrite("daemon/agent/purge");
   const Ref<GenericAgent::Purge> wish(wishes.create<GenericAgent::Purge>(name));
   if (!wish) fail("the wish to purge is refused");
   const bool isAnswered =

@@ -1,5 +1,7 @@
 #include "platform/qel/dir.h"
 
+#include "platform/mirra/exchange.h"
+
 namespace ryx::platform {
 namespace {
 
@@ -38,6 +40,14 @@ Tree::~Tree() {
   root_->entry.removeAll();
   root_->entry.enterJournal(nullptr);
   root_->journal.bind(nullptr, root_.get());
+}
+
+mirra::Exchange& Tree::tables() {
+  if (!tables_) {
+    ownTables_ = std::make_unique<mirra::LocalExchange>();
+    tables_ = ownTables_.get();
+  }
+  return *tables_;
 }
 
 Entity* Tree::find(std::string_view path) {

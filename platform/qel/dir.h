@@ -3,12 +3,16 @@
 // counter.
 #pragma once
 
+#include <memory>
 #include <string_view>
 
 #include "platform/qel/collection.h"
 
 namespace ryx::platform {
 
+namespace mirra {
+class Exchange;
+}
 struct Dir;
 
 // The children of a directory: entities of any type, by name.
@@ -51,6 +55,9 @@ class RYX_PRIVATE Tree {
 
   Dir& root() { return *root_; }
   StoreClock& clock() { return clock_; }
+  // Where the Mirra tables beside this state are to be had: here, unless told.
+  mirra::Exchange& tables();
+  void tablesAre(mirra::Exchange& exchange) { tables_ = &exchange; }
 
   // What stands at "a/b/c", or null. Slashes at the ends and double ones do not matter.
   Entity* find(std::string_view path);
@@ -71,6 +78,8 @@ class RYX_PRIVATE Tree {
  private:
   StoreClock clock_;
   Ref<Dir> root_;
+  std::unique_ptr<mirra::Exchange> ownTables_;
+  mirra::Exchange* tables_ = nullptr;
 };
 
 }  // namespace ryx::platform

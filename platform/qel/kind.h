@@ -279,35 +279,35 @@ constexpr const char* nameOf() {
 }
 
 template <class T>
-uint64_t hashValue(const T& v) {
+uint64_t hashValue(const T& v, uint64_t seed = hashSeed) {
   if constexpr (Reference<T>) {
-    return hashNumber(reinterpret_cast<uintptr_t>(v.get()));
+    return hashNumber(reinterpret_cast<uintptr_t>(v.get()), seed);
   } else if constexpr (std::is_floating_point_v<T>) {
-    return hashNumber(std::bit_cast<uint64_t>(static_cast<double>(v)));
+    return hashNumber(std::bit_cast<uint64_t>(static_cast<double>(v)), seed);
   } else if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
-    return hashInRow(static_cast<uint64_t>(v));
+    return hashInRow(static_cast<uint64_t>(v), seed);
   } else if constexpr (Ranged<T>) {
-    return hashInRow(v.value());
+    return hashInRow(v.value(), seed);
   } else if constexpr (std::is_same_v<T, Name>) {
-    return v.hash();
+    return v.hash();  // a name's, of this process
   } else if constexpr (std::is_same_v<T, std::string>) {
-    return hashBytes(v.data(), v.size());
+    return hashBytes(v.data(), v.size(), seed);
   } else if constexpr (BoundedText<T>) {
     std::string_view bytes = v.bytes();
-    return hashBytes(bytes.data(), bytes.size());
-  } else if constexpr (requires { v.hash(); }) {
-    return v.hash();
+    return hashBytes(bytes.data(), bytes.size(), seed);
+  } else if constexpr (requires { v.hash(seed); }) {
+    return v.hash(seed);
   } else if constexpr (OpaqueBytes<T>) {
     static_assert(std::has_unique_object_representations_v<T>, "padding is no value");
-    return hashBytes(&v, sizeof v);
+    return hashBytes(&v, sizeof v, seed);
   } else if constexpr (Described<T>) {
     // The first member says where it stands among its neighbours.
     return std::apply(
         [&](const auto& first, const auto&... m) {
-          uint64_t h = hashValue(v.*first.pointer);
+          uint64_t h = hashValue(v.*first.pointer, seed);
           uint64_t place = hashPlace(h);
           h = hashLine(h);
-          ((h = hashMix(h, hashValue(v.*m.pointer))), ...);
+          ((h = hashMix(h, hashValue(v.*m.pointer, seed), seed)), ...);
           return hashPlaced(h, place);
         },
         T::members());
@@ -315,10 +315,10 @@ uint64_t hashValue(const T& v) {
     uint64_t h = v.size();
     for (const auto& element : v) {
       if constexpr (IsMap<T>::value) {
-        h = hashMix(h, hashValue(element.first));
-        h = hashMix(h, hashValue(element.second));
+        h = hashMix(h, hashValue(element.first, seed), seed);
+        h = hashMix(h, hashValue(element.second, seed), seed);
       } else {
-        h = hashMix(h, hashValue(element));
+        h = hashMix(h, hashValue(element, seed), seed);
       }
     }
     return h;

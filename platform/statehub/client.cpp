@@ -78,6 +78,7 @@ class Client::Group final : public MountGroup, private Task {
 Client::Client(int fd, const Participant& who, double heartbeat)
     : EntityManager(who), Applier(replica_), Task("StatehubClient"), beats_(heartbeat) {
   registerModel();
+  replica_.tablesAre(tables_);
   if (beats_ > 0) heartbeat_.armAt(clock().now() + beats_);
   if (fd < 0) return;
   connection_ = std::make_unique<Connection>(fd, static_cast<Connection::Peer&>(*this));
@@ -98,8 +99,8 @@ std::unique_ptr<MountGroup> Client::mountGroup() {
 }
 
 bool Client::drained() const {
-  return controls_.size() == 0 && caughtUp() && lostRemovals_.empty() && unsentBytes() == 0 &&
-         (connected() || onTheWay_.empty());
+  return controls_.size() == 0 && !(greeted_ && tables_.owes()) && caughtUp() &&
+         lostRemovals_.empty() && unsentBytes() == 0 && (connected() || onTheWay_.empty());
 }
 
 std::vector<int> Client::connections() const {
@@ -107,6 +108,9 @@ std::vector<int> Client::connections() const {
 }
 
 void Client::hello() {
+  greeted_ = false;
+  outFiles_.clear();
+  connection_->mostFilesIs(2 * kMaxFilesOfFrame);
   controls_.u8(static_cast<uint8_t>(Op::hello));
   controls_.varint(kWireMagic);
   controls_.varint(kWireVersion);
@@ -178,6 +182,9 @@ bool Client::control(Op op, Decoder& d) {
         lastCut_ = 0;
       }
       incarnation_ = incarnation;
+      greeted_ = true;
+      tables_.restart();
+      wake();
       return true;
     }
     case Op::mounted:
@@ -211,6 +218,12 @@ bool Client::control(Op op, Decoder& d) {
       return true;
     case Op::refused:
       RYX_TRACE(trace(), 0, "the hub refused a write of " << agentName());
+      return true;
+    case Op::table:
+    case Op::rang:
+      if (const std::string fault = tables_.take(op, d, [this] { return connection_->takeFile(); });
+          !fault.empty())
+        return broken(fault);
       return true;
     default:
       return broken("an unknown operation");
@@ -431,6 +444,7 @@ bool Client::run(Slice& slice) {
 void Client::encodeSome(bool* all) {
   out_.clear();
   out_.swap(controls_);
+  if (greeted_) tables_.encode(out_, &outFiles_);
   size_t start = out_.size();
   out_.u8(static_cast<uint8_t>(Op::batch));
   out_.varint(batch_ + 1);
@@ -451,7 +465,8 @@ void Client::encodeSome(bool* all) {
     cutOwed_ = true;
   }
   if (*all && std::exchange(cutOwed_, false)) out_.u8(static_cast<uint8_t>(Op::cut));
-  if (out_.size() != 0) connection_->send(out_.view());
+  if (out_.size() != 0) connection_->send(out_.view(), std::exchange(outFiles_, {}));
+  if (greeted_ && tables_.owes()) *all = false;
 }
 
 // Those of containers come before those in them: what has to be sent for the latter may use a key

@@ -25,6 +25,7 @@
 #include "platform/statehub/connection.h"
 #include "platform/statehub/entity_manager.h"
 #include "platform/statehub/publisher.h"
+#include "platform/statehub/tables.h"
 
 namespace ryx::platform {
 
@@ -201,7 +202,10 @@ class RYX_PRIVATE Client final : public EntityManager,
   std::unordered_map<uint64_t, Pending> pending_;
   std::vector<Ref<Entity>> fresh_;     // roots of mounts that are fresh()
   std::vector<Ref<Entity>> ownRoots_;  // to be swept at the hub when all of it was sent again
+  TableClient tables_{[this] { wake(); }};
+  bool greeted_ = false;  // by the hub, on this connection
   Encoder out_;
+  std::vector<File> outFiles_;
   Encoder controls_;
   uint32_t dirtyBefore_ = 0;
   uint64_t batch_ = 0;

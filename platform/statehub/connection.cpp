@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <deque>
+#include <utility>
 
 #include "platform/activity/descriptor.h"
 #include "platform/statehub/wire.h"
@@ -40,14 +42,29 @@ class Connection::Socket final : public Descriptor {
     pollfd state{fd(), POLLRDHUP, 0};
     return open_ && ::poll(&state, 1, 0) == 1 && (state.revents & (POLLRDHUP | POLLHUP | POLLERR));
   }
+  bool carriesFiles() const {
+    int domain = 0;
+    socklen_t size = sizeof domain;
+    return ::getsockopt(fd(), SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_UNIX;
+  }
+  File takeFile() {
+    if (inFiles_.empty()) return {};
+    File file = std::move(inFiles_.front());
+    inFiles_.pop_front();
+    return file;
+  }
+  void mostFilesIs(size_t files) { mostFiles_ = files; }
+
   // What the socket takes at once is not copied.
-  void send(std::string_view payload) {
+  void send(std::string_view payload, std::vector<File> files) {
     if (!open_) return;
+    // They go with the frame's first byte.
+    if (!files.empty()) outFiles_.push_back({bytesSent_ + unsent(), std::move(files)});
     auto n = static_cast<uint32_t>(payload.size());
     char length[4] = {static_cast<char>(n), static_cast<char>(n >> 8), static_cast<char>(n >> 16),
                       static_cast<char>(n >> 24)};
     size_t taken = 0;
-    if (out_.empty()) {
+    if (out_.empty() && outFiles_.empty()) {
       iovec parts[] = {{length, sizeof length},
                        {const_cast<char*>(payload.data()), payload.size()}};
       msghdr message{};
@@ -91,7 +108,7 @@ class Connection::Socket final : public Descriptor {
  private:
   bool readAll(const bool& destroyed) {
     makeRoom();
-    ssize_t n = ::recv(fd(), in_.get() + end_, capacity_ - end_, 0);
+    ssize_t n = receive();
     if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) return false;
     if (n > 0) end_ += static_cast<size_t>(n);
     if (n > 0) bytesReceived_ += static_cast<uint64_t>(n);
@@ -105,8 +122,65 @@ class Connection::Socket final : public Descriptor {
       if (destroyed) return true;
       if (!good || !open_) return false;
     }
+    if (inFiles_.size() > mostFiles_) return false;
     peer_.onFramesDone();
     return true;
+  }
+
+  // As recv(2), and takes the descriptors that came with the bytes. That some of them were lost,
+  // because this process may have no more, is an end of the connection: they are known by their
+  // order alone.
+  ssize_t receive() {
+    alignas(cmsghdr) char control[CMSG_SPACE(kMaxFilesOfFrame * sizeof(int))];
+    iovec part = {in_.get() + end_, capacity_ - end_};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    const ssize_t n = ::recvmsg(fd(), &message, MSG_CMSG_CLOEXEC);
+    if (n <= 0) return n;
+    for (cmsghdr* c = CMSG_FIRSTHDR(&message); c; c = CMSG_NXTHDR(&message, c)) {
+      if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+      const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+      for (size_t i = 0; i < count; ++i) {
+        int file;
+        std::memcpy(&file, CMSG_DATA(c) + i * sizeof file, sizeof file);
+        inFiles_.emplace_back(file);
+      }
+    }
+    return message.msg_flags & MSG_CTRUNC ? 0 : n;
+  }
+  // As send(2), of what is unsent and goes together.
+  ssize_t sendSome() {
+    iovec part = {out_.data() + sent_, out_.size() - sent_};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    alignas(cmsghdr) char control[CMSG_SPACE(kMaxFilesOfFrame * sizeof(int))] = {};
+    if (!outFiles_.empty()) {
+      const OutFiles& next = outFiles_.front();
+      if (next.at > bytesSent_) {
+        part.iov_len = next.at - bytesSent_;
+      } else {
+        message.msg_control = control;
+        message.msg_controllen = CMSG_SPACE(next.files.size() * sizeof(int));
+        cmsghdr* c = CMSG_FIRSTHDR(&message);
+        c->cmsg_level = SOL_SOCKET;
+        c->cmsg_type = SCM_RIGHTS;
+        c->cmsg_len = CMSG_LEN(next.files.size() * sizeof(int));
+        for (size_t i = 0; i < next.files.size(); ++i) {
+          const int file = next.files[i].fd();
+          std::memcpy(CMSG_DATA(c) + i * sizeof file, &file, sizeof file);
+        }
+        if (outFiles_.size() > 1) part.iov_len = outFiles_[1].at - bytesSent_;
+      }
+    }
+    const ssize_t n = ::sendmsg(fd(), &message, MSG_NOSIGNAL);
+    if (n > 0 && message.msg_control) outFiles_.pop_front();
+    // So many are on their way to somebody who does not read that the system takes no more.
+    if (n < 0 && errno == ETOOMANYREFS) errno = EAGAIN;
+    return n;
   }
 
   uint32_t pendingLength() const {
@@ -142,7 +216,7 @@ class Connection::Socket final : public Descriptor {
   // What the socket takes now. A broken pipe is found by the reading side.
   void flush() {
     while (sent_ < out_.size()) {
-      ssize_t n = ::send(fd(), out_.data() + sent_, out_.size() - sent_, MSG_NOSIGNAL);
+      ssize_t n = sendSome();
       if (n <= 0) {
         if (n < 0 && errno == EINTR) continue;
         if (errno != EAGAIN) readableInterestIs(true);
@@ -162,8 +236,16 @@ class Connection::Socket final : public Descriptor {
     writableInterestIs(!out_.empty());
   }
 
+  struct OutFiles {
+    uint64_t at;  // the byte of the stream that they go with
+    std::vector<File> files;
+  };
+
   Peer& peer_;
   bool open_ = true;
+  std::deque<OutFiles> outFiles_;
+  std::deque<File> inFiles_;
+  size_t mostFiles_ = 0;
   size_t longestFrame_ = kMaxFrame;
   bool* destroyed_ = nullptr;
   std::unique_ptr<char[]> in_;
@@ -184,8 +266,17 @@ bool Connection::open() const {
 int Connection::fd() const {
   return socket_->fd();
 }
-void Connection::send(std::string_view payload) {
-  socket_->send(payload);
+void Connection::send(std::string_view payload, std::vector<File> files) {
+  socket_->send(payload, std::move(files));
+}
+bool Connection::carriesFiles() const {
+  return socket_->carriesFiles();
+}
+File Connection::takeFile() {
+  return socket_->takeFile();
+}
+void Connection::mostFilesIs(size_t files) {
+  socket_->mostFilesIs(files);
 }
 size_t Connection::unsent() const {
   return socket_->unsent();

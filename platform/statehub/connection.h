@@ -5,8 +5,10 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/base/api.h"
+#include "platform/base/file.h"
 
 namespace ryx::platform {
 
@@ -32,7 +34,15 @@ class RYX_PRIVATE Connection {
   bool open() const;
   int fd() const;
   // Frames of `payload` (each at most kMaxFrame) for sending; what the socket takes goes at once.
-  void send(std::string_view payload);
+  void send(std::string_view payload) { send(payload, {}); }
+  // With descriptors, at most kMaxFilesOfFrame, that the other side has with the frame. To be
+  // called where carriesFiles().
+  void send(std::string_view payload, std::vector<File> files);
+  bool carriesFiles() const;
+  // The next of the descriptors that came with frames, in their order; none when there is none.
+  File takeFile();
+  // More than so many that nobody took end the connection: none, unless told.
+  void mostFilesIs(size_t files);
   size_t unsent() const;
   uint64_t bytesSent() const;
   uint64_t bytesReceived() const;

@@ -15,6 +15,7 @@
 #include "platform/statehub/connection.h"
 #include "platform/statehub/entity_manager.h"
 #include "platform/statehub/publisher.h"
+#include "platform/statehub/tables.h"
 #include "platform/trace/trace.h"
 
 namespace ryx::platform {
@@ -274,7 +275,11 @@ class Hub::Session final : public Writer,
       case Op::heartbeat:  // being heard is all there is to it
         return true;
       default:
-        return broken("an unknown operation");
+        if (const std::string fault =
+                tables_.take(op, d, [this] { return connection_->takeFile(); });
+            !fault.empty())
+          return broken(fault);
+        return true;
     }
   }
 
@@ -313,6 +318,9 @@ class Hub::Session final : public Writer,
     heartbeat_ = static_cast<double>(heartbeat) / 1000;
     greeted_ = true;
     connection_->longestFrameIs(kMaxFrame);
+    const bool isService = role_ == Role::service;
+    connection_->mostFilesIs(isService ? 2 * kMaxFilesOfFrame : 0);
+    tables_.rightsAre({isService, connection_->carriesFiles(), knowsThisLife_});
     ++hub_.counters_.accepted;
     if (hub_.participantsChanged_) hub_.participantsChanged_();
     controls_.u8(static_cast<uint8_t>(Op::hello));
@@ -436,6 +444,7 @@ class Hub::Session final : public Writer,
     }
     out_.clear();
     out_.swap(controls_);
+    tables_.encode(out_, &outFiles_);
     bool state = mayLinger() && !std::exchange(lingered_, false);
     bool all = state && encode(out_, kFrameOfHub);
     if (all && out_.size() == 0) {  // there are answers alone
@@ -465,8 +474,12 @@ class Hub::Session final : public Writer,
       ++hub_.counters_.forcedCuts;
       encodeCut(0);
     }
-    if (out_.size() != 0) connection_->send(out_.view());
-    return !all;
+    sendOut();
+    return !all || tables_.owes();
+  }
+  void sendOut() {
+    if (out_.size() != 0) connection_->send(out_.view(), std::exchange(outFiles_, {}));
+    out_.clear();
   }
   bool mayLinger() const {
     return hub_.linger_ > 0 && applied_ != acked_ && out_.size() == 0 && unsynced_.empty() &&
@@ -508,8 +521,7 @@ class Hub::Session final : public Writer,
     noteMixed(*e);
     encodeTold(out_, *e, t.deep, [&] {
       if (out_.size() < kFrameOfHub) return;
-      connection_->send(out_.view());
-      out_.clear();
+      sendOut();
       cutOwed_ = true;
     });
   }
@@ -568,7 +580,9 @@ class Hub::Session final : public Writer,
   static constexpr size_t kLingering = 16;  // answers that may wait for company
   Linger linger_{*this};
   bool lingered_ = false;
+  TableServer tables_{hub_.tree_.tables(), [this] { wake(); }};
   Encoder out_;
+  std::vector<File> outFiles_;
   Encoder controls_;
   std::unique_ptr<Connection> connection_;
 };

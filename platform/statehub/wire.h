@@ -25,6 +25,11 @@ enum class Op : uint8_t {
   mount = 20,      // number, path, type name, mode
   batch = 21,      // number of the writes behind it in this frame
   heartbeat = 22,  // it lives, and its loop runs
+  offer = 23,      // number, name, type name, incarnation: a Mirra table; a descriptor goes with it
+  withdraw = 24,   // offer: it is no more
+  attach = 25,     // number, name: it reads that table
+  detach = 26,     // attachment: it does no more
+  ring = 27,       // offer: something was written to it
   // From the hub.
   mounted = 30,   // mount, status, container (when it succeeded), type
   synced = 31,    // mount: all of it has been sent
@@ -32,10 +37,12 @@ enum class Op : uint8_t {
   ack = 33,       // batch: so does all that it implied
   refused = 34,   // a write was refused; what holds follows
   farewell = 35,  // reason, text: the hub ends the connection
+  table = 36,     // attachment, state, incarnation, type name: what is offered; [a descriptor]
+  rang = 37,      // attachment: something was written to it
 };
 
 inline constexpr uint32_t kWireMagic = 0x31585952;  // "RYX1"
-inline constexpr uint32_t kWireVersion = 2;
+inline constexpr uint32_t kWireVersion = 3;
 
 // Why a hub ends a connection.
 enum class Farewell : uint8_t {
@@ -64,6 +71,8 @@ inline constexpr size_t kSendAhead = 256 * 1024;   // unsent bytes past which no
 inline constexpr uint32_t kMaxHandles = 4u << 20;  // containers that one side may number
 inline constexpr uint32_t kMaxTypes = 4096;        // types that one side may declare
 inline constexpr size_t kMaxPath = 4096;           // bytes of a mount's path
+inline constexpr size_t kMaxTables = 4096;         // that one participant offers, and reads
+inline constexpr size_t kMaxFilesOfFrame = 64;     // descriptors that go with one frame
 inline constexpr size_t kMaxTold = 16384;  // answers owed past which a participant is not read
 inline constexpr double kForcedCutSeconds = 0.02;  // a cut is forced when none came for so long
 

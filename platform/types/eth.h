@@ -43,7 +43,7 @@ class RYX_PRIVATE MacAddr {
   char* print(char* out) const;
   std::string toString() const;
 
-  uint64_t hash() const { return hashInRow(value()); }
+  uint64_t hash(uint64_t seed = hashSeed) const { return hashInRow(value(), seed); }
 
   friend constexpr bool operator==(const MacAddr& a, const MacAddr& b) {
     return a.value() == b.value();
@@ -74,7 +74,7 @@ class RYX_PRIVATE VlanId {
   constexpr uint16_t value() const { return value_; }
   constexpr bool isValid() const { return value_ >= kMin && value_ <= kMax; }
   std::string toString() const { return std::to_string(value_); }
-  uint64_t hash() const { return hashInRow(value_); }
+  uint64_t hash(uint64_t seed = hashSeed) const { return hashInRow(value_, seed); }
 
   friend constexpr bool operator==(const VlanId&, const VlanId&) = default;
   friend constexpr std::strong_ordering operator<=>(const VlanId&, const VlanId&) = default;

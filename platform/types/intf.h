@@ -115,13 +115,13 @@ class RYX_PRIVATE IntfId {
   std::string toString() const;
 
   // Of interfaces that differ in the last of their numbers, in a row.
-  uint64_t hash() const {
+  uint64_t hash(uint64_t seed = hashSeed) const {
     unsigned last = (secondWord() & kSubMask) != 0   ? 0
                     : secondWord() != 0              ? 24
                     : (firstWord() & kPortMask) != 0 ? 32
                                                      : 41;
     uint64_t number = value_ >> last;
-    return hashPlaced(hashMix(number / kHashPlaces, last), number % kHashPlaces);
+    return hashPlaced(hashMix(number / kHashPlaces, last, seed), number % kHashPlaces);
   }
 
   friend constexpr bool operator==(const IntfId&, const IntfId&) = default;

@@ -78,18 +78,19 @@ class RYX_PRIVATE IpAddr {
   std::string toString() const;
 
   // Of addresses in a row.
-  uint64_t hash() const { return hashUpTo(maxLength()); }
+  uint64_t hash(uint64_t seed = hashSeed) const { return hashUpTo(maxLength(), seed); }
 
   // Of what stands in its first `length` bits, the last of which tell neighbours apart. The low
   // half meets a mixed high half: whoever chooses both still meets the seed.
-  uint64_t hashUpTo(uint8_t length) const {
+  uint64_t hashUpTo(uint8_t length, uint64_t seed = hashSeed) const {
     uint64_t family = static_cast<uint64_t>(af_) << 8 | length;
     if (length <= 64) {
       uint64_t number = length == 0 ? 0 : high() >> (64 - length);
-      return hashPlaced(hashMix(number / kHashPlaces, family), number % kHashPlaces);
+      return hashPlaced(hashMix(number / kHashPlaces, family, seed), number % kHashPlaces);
     }
     uint64_t number = low() >> (128 - length);
-    return hashPlaced(hashMix(hashMix(high(), family), number / kHashPlaces), number % kHashPlaces);
+    return hashPlaced(hashMix(hashMix(high(), family, seed), number / kHashPlaces, seed),
+                      number % kHashPlaces);
   }
 
   friend bool operator==(const IpAddr& a, const IpAddr& b) {
@@ -140,7 +141,7 @@ class RYX_PRIVATE IpPrefix {
   std::string toString() const;
 
   // Of networks of one length in a row.
-  uint64_t hash() const { return addr_.hashUpTo(length_); }
+  uint64_t hash(uint64_t seed = hashSeed) const { return addr_.hashUpTo(length_, seed); }
 
   friend bool operator==(const IpPrefix&, const IpPrefix&) = default;
   // By address, then length: a network comes right before the networks that it holds.
@@ -176,9 +177,9 @@ class RYX_PRIVATE IpAddrMask {
   char* print(char* out) const;
   std::string toString() const;
 
-  uint64_t hash() const {
-    uint64_t h = addr_.hash();
-    return hashPlaced(hashMix(hashLine(h), length_), hashPlace(h));
+  uint64_t hash(uint64_t seed = hashSeed) const {
+    uint64_t h = addr_.hash(seed);
+    return hashPlaced(hashMix(hashLine(h), length_, seed), hashPlace(h));
   }
 
   friend bool operator==(const IpAddrMask&, const IpAddrMask&) = default;

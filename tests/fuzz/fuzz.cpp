@@ -31,10 +31,12 @@
 #include <vector>
 
 #include "platform/activity/activity.h"
+#include "platform/mirra/table.h"
 #include "platform/model/acl.h"
 #include "platform/model/interface.h"
 #include "platform/model/lldp.h"
 #include "platform/model/routing.h"
+#include "platform/model/tables.h"
 #include "platform/model/wellknown.h"
 #include "platform/qel/dir.h"
 #include "platform/statehub/entity_manager.h"
@@ -260,6 +262,7 @@ inline void fuzzClient(const uint8_t* data, size_t size) {
   group->add("interface/config/eth/lag", "Interface::EthLagIntfConfigDir", "w");
   group->add("daemon/agent/status", "Qel::Dir", "w");
   group->close([](MountStatus) {});
+  const mirra::Table<FlexCounter::Counter> counters(em->tree().tables(), "t", mirra::Mode::notify);
   activity().run(0);
   Encoder hello;
   hello.u8(static_cast<uint8_t>(Op::hello));

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "bench/measure.h"
+#include "bench/processes.h"
 #include "platform/activity/activity.h"
 #include "platform/model/interface.h"
 #include "platform/model/routing.h"
@@ -47,56 +48,6 @@ struct Board {
 };
 Board* board;
 
-struct Pair {
-  int a, b;
-  Pair() {
-    int fds[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) fail("socketpair");
-    a = fds[0];
-    b = fds[1];
-  }
-};
-
-// The processes of one measurement. The parent has no loop of its own: a loop does not survive a
-// fork.
-class Processes {
- public:
-  void add(const std::function<void()>& body) {
-    std::fflush(stdout);
-    pid_t pid = fork();
-    if (pid == 0) {
-      body();
-      std::fflush(stdout);
-      _exit(0);
-    }
-    pids_.push_back(pid);
-  }
-  void join() {
-    for (pid_t p : pids_) {
-      int status = 0;
-      waitpid(p, &status, 0);
-      if (status != 0) fail("a process of the benchmark");
-    }
-    pids_.clear();
-  }
-
- private:
-  std::vector<pid_t> pids_;
-};
-
-void pin(int cpu) {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  CPU_SET(cpu, &set);
-  sched_setaffinity(0, sizeof set, &set);
-}
-void until(const std::function<bool()>& done) {
-  double limit = seconds() + 120;
-  while (!done()) {
-    activity().run(0.001);
-    if (seconds() > limit) fail("a stage does not end");
-  }
-}
 void wait(int stage) {
   while (board->stage < stage) usleep(1000);
 }
@@ -414,11 +365,6 @@ void fanOut(uint32_t count, int many) {
 
 // --- one change
 // -----------------------------------------------------------------------------------
-
-double at(double* values, size_t n, double share) {
-  std::sort(values, values + n);
-  return values[std::min(n - 1, static_cast<size_t>(share * static_cast<double>(n)))];
-}
 
 class Echo : public EntityReactor {
  public:

@@ -209,6 +209,7 @@ TEST_P(MirraTest, OneWhoSleptEndsEqual) {
 // Random writes, rests, slices and restarts: a reactor that is told of differences alone ends equal
 // each time, whatever it was in the middle of.
 TEST_P(MirraTest, RandomWritesAndRestarts) {
+  uint64_t operations = 0;
   test::randomRuns(20, [&](std::mt19937& random) {
     const std::string name = "random/" + std::to_string(random());
     auto writer = std::make_unique<Table<Cell>>(ends.writers(), name, Mode::write);
@@ -217,7 +218,6 @@ TEST_P(MirraTest, RandomWritesAndRestarts) {
     CellMirror mirror(reader);
     Cells model;
     const uint64_t keys = random() % 2 ? 40 : 4000;
-    uint64_t operations = 0;
     for (int round = 0; round < 60; ++round) {
       if (random() % 8 == 0) {
         auto next = std::make_unique<Table<Cell>>(ends.writers(), name, Mode::write);
@@ -244,8 +244,8 @@ TEST_P(MirraTest, RandomWritesAndRestarts) {
     settle();
     EXPECT_EQ(model, mirror.cells);
     EXPECT_EQ("", writer->validate());
-    test::tellOperations(operations);
   });
+  test::tellOperations(operations);
 }
 
 TEST_P(MirraTest, WhoeverIsToldMayDoAsItLikes) {

@@ -12,6 +12,11 @@
 #include <string>
 #include <vector>
 
+#include "platform/activity/activity.h"
+#include "platform/agent/connection.h"
+#include "platform/mirra/table.h"
+#include "platform/model/tables.h"
+#include "platform/statehub/entity_manager.h"
 #include "switch/operator/table.h"
 #include "tests/support/program.h"
 #include "tests/support/temp_dir.h"
@@ -20,6 +25,7 @@ namespace ryx {
 namespace {
 
 using nlohmann::json;
+using platform::activity;
 using test::Program;
 
 const std::string kBinary = RYX_BINARY_DIR "/bin/";
@@ -124,6 +130,50 @@ TEST_F(RyxTest, WatchesAndSets) {
   EXPECT_EQ("/interface/status/eth/lag/Port-Channel10", line["path"]);
   EXPECT_EQ(2, line["entity"]["operStatus"]);
   EXPECT_EQ(0, lines.kill(SIGTERM));
+}
+
+TEST_F(RyxTest, ShowsTheTables) {
+  using namespace platform;
+  EXPECT_EQ("name  type  writer  readers  rows  writes  refused\n", ryx({"mirra"}));
+  EXPECT_EQ("[]\n", ryx({"mirra", "--json"}));
+  ConnectionSettings settings;
+  settings.socketName = socket_;
+  std::string why;
+  const auto em = EntityManager::overSocket(connectToServer(settings, &why),
+                                            Participant(Role::service, "tester"));
+  mirra::Table<Arp::Status> arp(em->tree().tables(), "arp/status", mirra::Mode::write);
+  mirra::Table<Fib::ForwardingStatus> fecs(em->tree().tables(), "forwarding/vrf/status/default",
+                                           mirra::Mode::write);
+  IntfId ethernet1;
+  ASSERT_TRUE(parse("Ethernet1", &ethernet1));
+  for (const uint32_t n : {1, 20})
+    arp.write({{IpAddr::v4(0x0a000000 + n), ethernet1}, {}, Arp::EntryType::dynamic});
+  Fib::Via via;
+  via.hop = IpAddr::v4(0x0a000001);
+  fecs.write({7}, std::vector<Fib::Via>{via, via});
+  arp.offer();
+  fecs.offer();
+  test::whileWaiting = [] { activity().run(0); };
+  activity().run(0.1);
+  EXPECT_EQ(
+      "name                           type                          writer  readers  rows  writes  "
+      "refused\n"
+      "arp/status                     Arp::Table::Status            tester  0        2     2       "
+      "0\n"
+      "forwarding/vrf/status/default  Mirra::Fib::ForwardingStatus  tester  0        1     1       "
+      "0\n",
+      ryx({"mirra"}));
+  EXPECT_EQ(
+      "addr       intf       ethAddr            entryType\n"
+      "10.0.0.1   Ethernet1  00:00:00:00:00:00  1\n"
+      "10.0.0.20  Ethernet1  00:00:00:00:00:00  1\n",
+      ryx({"mirra", "arp/status"}));
+  const json rows = jsonOf({"mirra", "forwarding/vrf/status/default", "--json"});
+  ASSERT_EQ(1u, rows.size());
+  EXPECT_EQ(7, rows[0]["fecId"]);
+  EXPECT_EQ("10.0.0.1", rows[0]["via"][1]["hop"]);
+  EXPECT_NE(std::string::npos, ryx({"mirra", "nosuch"}, 1).find("there is no table nosuch"));
+  test::whileWaiting = [] {};
 }
 
 TEST_F(RyxTest, OutlivesItsServer) {

@@ -11,6 +11,7 @@ void LocalExchange::tell(const std::string& name, F&& call) {
 void LocalExchange::offer(const std::string& name, const Offered& table) {
   offered_.insert_or_assign(name, table);
   tell(name, [](Listener& l) { l.tableChanged(); });
+  changed();
 }
 
 void LocalExchange::withdraw(const std::string& name, uint64_t incarnation) {
@@ -18,6 +19,7 @@ void LocalExchange::withdraw(const std::string& name, uint64_t incarnation) {
   if (at == offered_.end() || at->second.incarnation != incarnation) return;
   offered_.erase(at);
   tell(name, [](Listener& l) { l.tableChanged(); });
+  changed();
 }
 
 void LocalExchange::ring(const std::string& name, uint64_t incarnation) {
@@ -28,6 +30,7 @@ void LocalExchange::ring(const std::string& name, uint64_t incarnation) {
 
 void LocalExchange::attach(const std::string& name, Listener& listener) {
   listeners_[name].insert(&listener);
+  changed();
 }
 
 void LocalExchange::detach(const std::string& name, Listener& listener) {
@@ -35,6 +38,7 @@ void LocalExchange::detach(const std::string& name, Listener& listener) {
   if (at == listeners_.end()) return;
   at->second.erase(&listener);
   if (at->second.empty()) listeners_.erase(at);
+  changed();
 }
 
 const Offered* LocalExchange::offered(const std::string& name) const {

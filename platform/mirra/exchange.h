@@ -16,6 +16,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/base/api.h"
 #include "platform/base/file.h"
@@ -23,9 +24,10 @@
 namespace ryx::platform::mirra {
 
 struct Offered {
-  std::string typeName;  // as "Mirra::Fib::RouteStatus"
-  uint64_t incarnation;  // which table it is: each has its own
-  File file;             // none: there is one, and it cannot be handed over
+  std::string typeName;     // as "Mirra::Fib::RouteStatus"
+  uint64_t incarnation;     // which table it is: each has its own
+  File file = {};           // none: there is one, and it cannot be handed over
+  std::string writer = {};  // who offers it, where a hub knows
 };
 
 // Who waits for a table. It is called by whatever tells the exchange, and does nothing there but
@@ -65,14 +67,20 @@ class RYX_PRIVATE LocalExchange final : public Exchange {
   const Offered* offered(const std::string& name) const override;
 
   const std::map<std::string, Offered, std::less<>>& all() const { return offered_; }
+  // `changed` is called when a table is offered or withdrawn, or has another number of readers.
+  void onChangeIs(std::function<void()> changed) { changed_ = std::move(changed); }
   size_t readers(const std::string& name) const;
 
  private:
   template <class F>
   void tell(const std::string& name, F&& call);
+  void changed() const {
+    if (changed_) changed_();
+  }
 
   std::map<std::string, Offered, std::less<>> offered_;
   std::map<std::string, std::set<Listener*>, std::less<>> listeners_;
+  std::function<void()> changed_;
 };
 
 }  // namespace ryx::platform::mirra

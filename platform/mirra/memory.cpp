@@ -32,6 +32,7 @@ enum Head : uint64_t {
   kIndexAt = 16,  // its size (a power of two), its area, and how many there were before
   kRowsAt = 24,
   kLiveAt,
+  kRefusedAt,
   kUndoAt = 32,  // sequence, row, the row's sequence, its words
 };
 enum Undo : uint64_t { kUndoSequence = 0, kUndoRow, kUndoRowSequence, kUndoWords };
@@ -217,6 +218,9 @@ uint32_t RowReader::rows() const {
 uint32_t RowReader::size() const {
   return static_cast<uint32_t>(get(head_[kLiveAt]));
 }
+uint64_t RowReader::refused() const {
+  return get(head_[kRefusedAt]);
+}
 uint64_t RowReader::version() const {
   return get(head_[kVersionAt]);
 }
@@ -334,11 +338,11 @@ RowWriter::Result RowWriter::write(const void* row, const void* list, size_t cou
     return Result::unchanged;
   }
   const uint64_t words = count * wordsOf(type.elementBytes);
-  if (count > kMaxElements || (words != 0 && !allocate(words, &place))) return Result::full;
+  if (count > kMaxElements || (words != 0 && !allocate(words, &place))) return refuses();
   const bool isNew = number == kNone;
   if (isNew && (number = newRow()) == kNone) {
     release(place, words);
-    return Result::full;
+    return refuses();
   }
   putAll(head_ + places_.lists + place, list, words);
   logs(version_ + 1, number);
@@ -379,6 +383,11 @@ bool RowWriter::isSame(uint32_t number, const void* row, const void* list, size_
   reader_.read(number, image_.data(), &list_, nullptr);
   return (type.elementBytes == 0 || list_.count == count) &&
          type.same(row, image_.data(), list, list_.data(), count);
+}
+
+RowWriter::Result RowWriter::refuses() {
+  put(head_[kRefusedAt], get(head_[kRefusedAt]) + 1);
+  return Result::full;
 }
 
 uint32_t RowWriter::newRow() {

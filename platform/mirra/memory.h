@@ -123,6 +123,7 @@ class RYX_PRIVATE RowReader {
   uint32_t rows() const;
   uint32_t size() const;     // those that live
   uint64_t version() const;  // of the last write
+  uint64_t refused() const;  // writes that found no room
   // The row that was written with that version; false when the log has it no more.
   bool logged(uint64_t version, uint32_t* row) const;
   uint64_t unreadable() const { return unreadable_.load(std::memory_order_relaxed); }
@@ -153,6 +154,7 @@ class RYX_PRIVATE RowWriter {
   static constexpr uint32_t kNone = ~0u;
 
   uint32_t find(const void* key, uint64_t hash, uint64_t* slot);
+  Result refuses();
   uint32_t newRow();
   void enter(uint64_t hash, uint32_t number);
   void leave(uint64_t slot);

@@ -65,24 +65,21 @@ bool TableBase::run(Slice&) {
 
 void TableBase::mount() {
   status_ = MountStatus::success;
+  fault_.clear();
   const Offered* offered = exchange_.offered(name_);
   if (!offered) return reader_.reset();
   if (reader_ && reader_->incarnation() == offered->incarnation) return;
   reader_.reset();
   if (offered->typeName != type_.name) {
     status_ = MountStatus::wrongType;
-    RYX_TRACE(
-        trace(), 0,
-        "the table " << name_ << " is of type " << offered->typeName << ", not " << type_.name);
-    return;
-  }
-  std::string why = "it is to be had on its own machine alone, over the server's Unix socket";
-  const auto memory =
-      offered->file ? Memory::attach(offered->file, type_, offered->incarnation, &why) : nullptr;
-  if (memory)
+    fault_ = "it is of type " + offered->typeName + ", not " + type_.name;
+  } else if (!offered->file) {
+    fault_ = "it is to be had on its own machine alone, over the server's Unix socket";
+  } else if (const auto memory =
+                 Memory::attach(offered->file, type_, offered->incarnation, &fault_)) {
     reader_ = std::make_shared<RowReader>(memory);
-  else
-    RYX_TRACE(trace(), 0, "cannot read the table " << name_ << ": " << why);
+  }
+  if (!reader_) RYX_TRACE(trace(), 0, "cannot read the table " << name_ << ": " << fault_);
 }
 
 void TableBase::mustWrite(const char* otherwise) const {
@@ -99,7 +96,7 @@ bool TableBase::write(const void* row, const void* list, size_t count) {
   mustWrite("write to read-only Mirra table");
   const RowWriter::Result result = writer_->write(row, list, count);
   if (result == RowWriter::Result::full) {
-    if (full_++ == 0)
+    if (reader_->refused() == 1)
       RYX_TRACE(trace(), 0,
                 "the table " << name_ << " is full: it has " << size() << " rows, and takes "
                              << type_.maxRows);
@@ -158,6 +155,8 @@ Follower::Follower(const char* name, TableBase& table)
     : Task(name),
       table_(&table),
       type_(table.type_),
+      known_(type_),
+      nextKnown_(type_),
       row_(table.type_.bytes),
       other_(table.type_.bytes) {
   check(table.mode() != Mode::read, "a table that reactors follow is mounted to notify");
@@ -220,9 +219,13 @@ bool Follower::step() {
       phase_ = Phase::leave;
       return true;
     case Phase::leave:
-      if (at_ < known_.versions.size()) return leaveOne(at_++), true;
+      if (at_ < known_.rows()) {
+        if (const uint32_t row = at_++; known_.has(row))
+          settle(known_.take(row), nextKnown_, next_.get());
+        return true;
+      }
       now_ = std::exchange(next_, nullptr);
-      known_ = std::exchange(nextKnown_, {});
+      known_ = std::exchange(nextKnown_, KnownKeys(type_));
       cursor_ = goal_;
       phase_ = Phase::follow;
       return true;
@@ -246,20 +249,9 @@ bool Follower::followOne() {
 
 void Follower::moveOver() {
   next_ = table_->reader();
-  nextKnown_ = {};
   goal_ = next_ ? next_->version() : 0;
   at_ = 0;
   phase_ = Phase::compare;
-}
-
-void Follower::know(Known& known, uint32_t row, uint64_t version, const void* key) {
-  if (row >= known.versions.size()) {
-    const size_t rows = std::max<size_t>(row + size_t{1}, known.versions.size() * 3 / 2);
-    known.versions.resize(rows);
-    known.keys.resize(rows * type_.keyBytes);
-  }
-  known.versions[row] = version;
-  std::memcpy(keyAt(known, row), key, type_.keyBytes);
 }
 
 // To tell is the last thing that is done, and noted before: whoever is told may run the loop,
@@ -269,50 +261,55 @@ void Follower::look(uint32_t row) {
   const RowReader::State state = now_->read(row, row_.data(), &list_, &version);
   if (state == RowReader::State::unreadable) return;
   const bool lives = state == RowReader::State::live;
-  const bool wasKnown = row < known_.versions.size() && known_.versions[row] != 0;
-  if (wasKnown && known_.versions[row] == version) return;
-  if (wasKnown && !(lives && type_.sameKey(keyAt(known_, row), row_.data()))) {
-    known_.versions[row] = 0;
-    if (lives) again_ = row;
-    return tellGone(row, now_.get());
+  if (known_.has(row)) {
+    if (!lives || !type_.sameKey(known_.key(row), row_.data())) {
+      if (lives) again_ = row;
+      return settle(known_.take(row), known_, now_.get());
+    }
+    if (known_.version(row) == version) return;
   }
   if (!lives) return;
-  know(known_, row, version, row_.data());
+  known_.set(row, version, row_.data());
   wake();
   onLive(row_.data(), list_);
 }
 
-// Unless the key stands in another row by now, and is told from there.
-void Follower::tellGone(uint32_t row, const RowReader* reader) {
-  const std::vector<std::byte> key(keyAt(known_, row), keyAt(known_, row) + type_.keyBytes);
-  if (reader && reader->find(key.data(), other_.data(), nullptr, nullptr, nullptr)) return;
+// The key was told, and stands no more where it stood. In the table by now it may stand in another
+// row, which is going to be looked at; whichever key was told of that row is in the same case.
+void Follower::settle(std::vector<std::byte> key, KnownKeys& known, const RowReader* reader) {
+  uint32_t row = 0;
+  while (reader && reader->find(key.data(), other_.data(), nullptr, &row, nullptr)) {
+    std::vector<std::byte> displaced;
+    if (known.has(row)) displaced = known.take(row);
+    known.set(row, KnownKeys::kOther, key.data());
+    if (displaced.empty()) return;
+    key = std::move(displaced);
+  }
   wake();
   onGone(key.data());
 }
 
-// Whether a row of the next table is as it was told.
-bool Follower::wasTold(const void* key, const void* row, const List& list) {
-  uint32_t number = 0;
+// Whether a row of the next table is as it was told of this one; its key is known there from now
+// on.
+bool Follower::wasTold(const void* row) {
+  const uint32_t before = known_.find(row);
+  if (before == kNone) return false;
+  const uint64_t told = known_.version(before);
+  known_.clear(before);
   uint64_t version = 0;
-  if (!now_ || !now_->find(key, other_.data(), &otherList_, &number, &version)) return false;
-  if (number >= known_.versions.size() || !type_.sameKey(keyAt(known_, number), key)) return false;
-  const uint64_t told = std::exchange(known_.versions[number], 0);  // it is known there now
-  return told == version && list.count == otherList_.count &&
-         type_.same(row, other_.data(), list.data(), otherList_.data(), list.count);
+  return now_->read(before, other_.data(), &otherList_, &version) == RowReader::State::live &&
+         version == told && list_.count == otherList_.count &&
+         type_.same(row, other_.data(), list_.data(), otherList_.data(), list_.count);
 }
 
 void Follower::compareOne(uint32_t row) {
   uint64_t version = 0;
   if (next_->read(row, row_.data(), &list_, &version) != RowReader::State::live) return;
-  const bool told = wasTold(row_.data(), row_.data(), list_);
-  know(nextKnown_, row, version, row_.data());
+  const bool told = wasTold(row_.data());
+  nextKnown_.set(row, version, row_.data());
   if (told) return;
   wake();
   onLive(row_.data(), list_);
-}
-
-void Follower::leaveOne(uint32_t row) {
-  if (std::exchange(known_.versions[row], 0) != 0) tellGone(row, next_.get());
 }
 
 }  // namespace ryx::platform::mirra

@@ -33,6 +33,7 @@
 #include "platform/activity/task.h"
 #include "platform/base/api.h"
 #include "platform/mirra/exchange.h"
+#include "platform/mirra/known_keys.h"
 #include "platform/mirra/memory.h"
 
 namespace ryx::platform::mirra {
@@ -70,6 +71,8 @@ class RYX_PRIVATE TableBase : private Listener, private Task {
   size_t size() const { return reader_ ? reader_->size() : 0; }
   uint64_t version() const { return reader_ ? reader_->version() : 0; }
   uint64_t incarnation() const { return reader_ ? reader_->incarnation() : 0; }
+  // Why what is offered cannot be read; empty: it can, or there is none.
+  const std::string& fault() const { return fault_; }
   // Rows that this handle could not read, or that were none.
   uint64_t unreadable() const { return reader_ ? reader_->unreadable() : 0; }
   // The table as it is now; it stays readable as long as somebody holds it. Null: there is none.
@@ -106,13 +109,13 @@ class RYX_PRIVATE TableBase : private Listener, private Task {
   const RowType& type_;
   const Mode mode_;
   MountStatus status_ = MountStatus::pending;
+  std::string fault_;
   bool isStale_ = true;  // what is offered has to be looked at
   bool isOffered_ = false;
   std::shared_ptr<Memory> memory_;  // a writer's
   std::unique_ptr<RowWriter> writer_;
   std::shared_ptr<const RowReader> reader_;
   std::vector<Follower*> followers_;
-  uint64_t full_ = 0;
 };
 
 class RYX_PRIVATE Follower : public Task {
@@ -127,11 +130,6 @@ class RYX_PRIVATE Follower : public Task {
 
  private:
   friend class TableBase;
-  // What it has told of a table: by row, the version (0: not of this row) and the key.
-  struct Known {
-    std::vector<uint64_t> versions;
-    std::vector<std::byte> keys;
-  };
   static constexpr uint32_t kNone = ~0u;
   enum class Phase : uint8_t {
     follow,   // by the log
@@ -145,19 +143,14 @@ class RYX_PRIVATE Follower : public Task {
   void moveOver();
   void look(uint32_t row);
   void compareOne(uint32_t row);
-  void leaveOne(uint32_t row);
-  void tellGone(uint32_t row, const RowReader* reader);
-  bool wasTold(const void* key, const void* row, const List& list);
-  std::byte* keyAt(Known& known, uint32_t row) {
-    return known.keys.data() + size_t{row} * type_.keyBytes;
-  }
-  void know(Known& known, uint32_t row, uint64_t version, const void* key);
+  bool wasTold(const void* row);
+  void settle(std::vector<std::byte> key, KnownKeys& known, const RowReader* reader);
 
   TableBase* table_;
   const RowType& type_;
   Phase phase_ = Phase::follow;
   std::shared_ptr<const RowReader> now_, next_;
-  Known known_, nextKnown_;
+  KnownKeys known_, nextKnown_;
   uint64_t cursor_ = 0;     // the last version that was looked at
   uint64_t goal_ = 0;       // the version when this phase began
   uint32_t at_ = 0;         // the row that is next

@@ -1,4 +1,5 @@
-// What the hub tells of its own connections: "statehub/client", by their numbers.
+// What the hub tells of its own connections, "statehub/client", by their numbers; and of the Mirra
+// tables that are offered, "statehub/table", by their incarnations.
 #pragma once
 
 #include <string>
@@ -23,6 +24,15 @@ struct Client : EntityType<Client> {
   Attr<"refusals", uint64_t> refusals;              // of its writes
   Attr<"pastLimits", uint64_t> pastLimits;          // and of those, and of mounts, past its limits
   Attr<"silent", bool> silent;                      // its heartbeat stays out
+};
+
+struct Table : EntityType<Table> {
+  static constexpr const char* kTypeName = "Statehub::Table";
+  Key<Name> key;  // the incarnation in hexadecimal
+  Attr<"name", std::string> name;
+  Attr<"type", std::string> type;
+  Attr<"writer", std::string> writer;  // the service that offered it
+  Attr<"readers", uint32_t> readers;   // participants that read it
 };
 
 }  // namespace ryx::platform::Statehub

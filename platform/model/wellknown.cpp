@@ -36,6 +36,7 @@ const std::vector<WellKnown>& wellKnown() {
       {"daemon/service/status", &typeOf<Dir>, Access::service},
       {"daemon/trace", &typeOf<Dir>, Access::operators},
       {"statehub/client", &typeOf<Dir>, Access::service},
+      {"statehub/table", &typeOf<Dir>, Access::service},
       {"switch/sim/command", &typeOf<Dir>, Access::operators},
       {"daemon/agent/status", &typeOf<Dir>, Access::agentOwn},
       config("interface/config/eth/phy/slice", &typeOf<Dir>),
@@ -87,6 +88,7 @@ void registerModel() {
   typeOf<GenericAgent::Trace>();
   typeOf<GenericAgent::Service>();
   typeOf<Statehub::Client>();
+  typeOf<Statehub::Table>();
   typeOf<Sim::Command>();
   typeOf<Interface::EthPhyIntfConfigDir>();
   typeOf<Interface::EthPhyIntfStatusDir>();

@@ -23,7 +23,10 @@ Entity* DirEntries::create(const TypeInfo& type, const Name& name) {
   return addHashed(child, name.hash());
 }
 
-Tree::Tree() : root_(::ryx::platform::make<Dir>()) {
+Tree::Tree()
+    : root_(::ryx::platform::make<Dir>()),
+      ownTables_(std::make_unique<mirra::LocalExchange>()),
+      tables_(ownTables_.get()) {
   root_->journal.bind(&clock_, root_.get());
   root_->entry.enterJournal(&root_->journal);
 }
@@ -40,14 +43,6 @@ Tree::~Tree() {
   root_->entry.removeAll();
   root_->entry.enterJournal(nullptr);
   root_->journal.bind(nullptr, root_.get());
-}
-
-mirra::Exchange& Tree::tables() {
-  if (!tables_) {
-    ownTables_ = std::make_unique<mirra::LocalExchange>();
-    tables_ = ownTables_.get();
-  }
-  return *tables_;
 }
 
 Entity* Tree::find(std::string_view path) {

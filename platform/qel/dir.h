@@ -12,7 +12,8 @@ namespace ryx::platform {
 
 namespace mirra {
 class Exchange;
-}
+class LocalExchange;
+}  // namespace mirra
 struct Dir;
 
 // The children of a directory: entities of any type, by name.
@@ -56,7 +57,8 @@ class RYX_PRIVATE Tree {
   Dir& root() { return *root_; }
   StoreClock& clock() { return clock_; }
   // Where the Mirra tables beside this state are to be had: here, unless told.
-  mirra::Exchange& tables();
+  mirra::Exchange& tables() { return *tables_; }
+  mirra::LocalExchange& ownTables() { return *ownTables_; }
   void tablesAre(mirra::Exchange& exchange) { tables_ = &exchange; }
 
   // What stands at "a/b/c", or null. Slashes at the ends and double ones do not matter.
@@ -78,8 +80,8 @@ class RYX_PRIVATE Tree {
  private:
   StoreClock clock_;
   Ref<Dir> root_;
-  std::unique_ptr<mirra::Exchange> ownTables_;
-  mirra::Exchange* tables_ = nullptr;
+  std::unique_ptr<mirra::LocalExchange> ownTables_;
+  mirra::Exchange* tables_;
 };
 
 }  // namespace ryx::platform

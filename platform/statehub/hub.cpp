@@ -320,7 +320,7 @@ class Hub::Session final : public Writer,
     connection_->longestFrameIs(kMaxFrame);
     const bool isService = role_ == Role::service;
     connection_->mostFilesIs(isService ? 2 * kMaxFilesOfFrame : 0);
-    tables_.rightsAre({isService, connection_->carriesFiles(), knowsThisLife_});
+    tables_.rightsAre({isService, connection_->carriesFiles(), knowsThisLife_, name_});
     ++hub_.counters_.accepted;
     if (hub_.participantsChanged_) hub_.participantsChanged_();
     controls_.u8(static_cast<uint8_t>(Op::hello));

@@ -70,7 +70,7 @@ std::string TableServer::take(Op op, Decoder& d, const TakeFile& file) {
       if (const std::string fault = mirra::Memory::faultOf(memory); !fault.empty())
         return "an offer of a table: " + fault;
       offers_[number] = {name, incarnation};
-      tables_.offer(name, {typeName, incarnation, memory});
+      tables_.offer(name, {typeName, incarnation, memory, rights_.name});
       return "";
     }
     case Op::withdraw: {

@@ -32,6 +32,7 @@ class RYX_PRIVATE TableServer {
     bool offers;      // it may offer tables
     bool takesFiles;  // its connection can carry a descriptor
     bool knowsAll;    // it knows what this hub offered before: what is not there any more is gone
+    std::string name;
   };
   void rightsAre(const Rights& rights) { rights_ = rights; }
 

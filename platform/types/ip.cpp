@@ -41,18 +41,6 @@ bool IpAddr::isLinkLocal() const {
   return af_ == Af::ipv6 && bytes_[0] == 0xfe && (bytes_[1] & 0xc0) == 0x80;
 }
 
-bool IpAddr::isValid() const {
-  switch (af_) {
-    case Af::null:
-      return high() == 0 && low() == 0;
-    case Af::ipv4:
-      return (high() & 0xffffffffu) == 0 && low() == 0;
-    case Af::ipv6:
-      return true;
-  }
-  return false;
-}
-
 char* IpAddr::print(char* out) const {
   if (af_ == Af::ipv4) {
     out = writeNumber(out, bytes_[0]);
@@ -105,7 +93,7 @@ std::string IpAddr::toString() const {
 IpPrefix::IpPrefix(const IpAddr& addr, uint8_t length) : addr_(addr), length_(length) {
   if (length > addr.maxLength())
     throwRangeError("IpPrefix::length > IpPrefix::maxLength not allowed");
-  if (addr.masked(length) != addr) throwRangeError("IpPrefix::addr with host bits not allowed");
+  if (!addr.isMasked(length)) throwRangeError("IpPrefix::addr with host bits not allowed");
 }
 
 IpPrefix IpPrefix::containing(const IpAddr& addr, uint8_t length) {
@@ -113,10 +101,6 @@ IpPrefix IpPrefix::containing(const IpAddr& addr, uint8_t length) {
   result.addr_ = addr.masked(length);
   result.length_ = length < addr.maxLength() ? length : addr.maxLength();
   return result;
-}
-
-bool IpPrefix::isValid() const {
-  return addr_.isValid() && length_ <= addr_.maxLength() && addr_.masked(length_) == addr_;
 }
 
 char* IpPrefix::print(char* out) const {

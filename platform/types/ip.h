@@ -63,6 +63,11 @@ class RYX_PRIVATE IpAddr {
   // The address with every bit after the first `length` clear; lengths past the family's change
   // nothing.
   IpAddr masked(uint8_t length) const;
+  // Whether that is the address itself.
+  bool isMasked(uint8_t length) const {
+    if (length >= 64) return length >= 128 || low() << (length - 64) == 0;
+    return low() == 0 && high() << length == 0;
+  }
 
   bool isUnspecified() const { return high() == 0 && low() == 0; }  // 0.0.0.0, ::, or none
   bool isLoopback() const;   // 127.0.0.0/8, ::1 (RFC 1122, RFC 4291)
@@ -71,7 +76,10 @@ class RYX_PRIVATE IpAddr {
 
   // Whether bytes that came from outside (copied in whole) form a value that the constructors
   // could have made: a known family and zero in every unused byte.
-  bool isValid() const;
+  bool isValid() const {
+    const uint64_t beyond = af_ == Af::ipv4 ? high() & 0xffffffffu : high();
+    return af_ == Af::ipv6 || ((af_ == Af::ipv4 || af_ == Af::null) && (beyond | low()) == 0);
+  }
 
   // Writes the text (none for Af::null) and returns its end; `out` has kMaxText bytes.
   char* print(char* out) const;
@@ -134,7 +142,9 @@ class RYX_PRIVATE IpPrefix {
   }
   bool overlaps(const IpPrefix& other) const { return contains(other) || other.contains(*this); }
 
-  bool isValid() const;
+  bool isValid() const {
+    return addr_.isValid() && length_ <= addr_.maxLength() && addr_.isMasked(length_);
+  }
 
   // The address, "/" and the length.
   char* print(char* out) const;

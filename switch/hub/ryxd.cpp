@@ -27,6 +27,7 @@
 #include "switch/hub/server.h"
 #include "switch/hub/service.h"
 #include "switch/hub/supervisor.h"
+#include "switch/hub/tables.h"
 
 namespace {
 
@@ -183,6 +184,7 @@ int run(const Options& options) {
   ryx::hub::Supervisor supervisor(hub, config, options.systemName, [&] { keeper->saveNow(); });
   access.ownProcessIs(
       [&](std::string_view agent, int64_t pid) { return supervisor.runs(agent, pid); });
+  const ryx::hub::Tables tables(tree);
   ryx::hub::Clients clients(hub, [&](const std::string& agent) { supervisor.silent(agent); });
   stop = [&] {
     tellManager("STOPPING=1");

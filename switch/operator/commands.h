@@ -22,6 +22,8 @@ void show(Session& session, const std::string& path, const Output& to);
 void watch(Session& session, const platform::ConnectionSettings& settings, const std::string& path,
            const Output& to);
 void set(Session& session, const std::string& path, const std::vector<std::string>& assignments);
+// The Mirra tables, or the rows of one.
+void mirraTables(Session& session, const std::string& name, const Output& to);
 void clients(Session& session, const Output& to);
 void services(Session& session, const Output& to);
 // Without a setting it shows the one there is; "off" takes it away.

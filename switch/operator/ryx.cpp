@@ -173,6 +173,12 @@ int run(int argc, char** argv) {
                         [&](Session& s) { traces(s, given.name, given.setting, plain); });
   trace->add_option("NAME", given.name, "an agent, a service, or ryxd")->required();
   trace->add_option("SETTING", given.setting, "as RYX_TRACE has it, or off");
+  CLI::App* mirra = add(app, "mirra",
+                        "The status tables in shared memory, or the rows of one.\n"
+                        "Example: ryx mirra routing/vrf/status/default --json",
+                        [&](Session& s) { mirraTables(s, given.name, output()); });
+  mirra->add_option("TABLE", given.name, "a table's name");
+  addJson(mirra);
   addJson(add(app, "clients", "Who is connected to the server.",
               [&](Session& s) { clients(s, output()); }));
   addJson(add(app, "service", "The services that the server runs.",

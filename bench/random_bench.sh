@@ -25,5 +25,9 @@ at_length "the same, with callbacks that change, throw and run the loop" reactor
   'ReactorTest.MirrorsEqualTheStateWhateverCallbacksDo' 4
 at_length "three writers over the link, cuts and refusals, mirrors of callbacks" link_test \
   'LinkTest.RandomWritersEndEqual' 17
+at_length "tables in shared memory, their writer restarted, a mirror of callbacks" mirra_test \
+  'Ends/MirraTest.RandomWritesAndRestarts/OverAHub' 3
+at_length "processes that write and read them at full speed, killed at random moments" \
+  mirra_process_test 'MirraProcessTest.EveryRowIsWholeWhoeverIsKilled' 8
 at_length "processes of server, service and agents, killed at random moments" system_test \
   'SystemTest.KillsAtRandomMomentsUnderLoad' 15

@@ -177,7 +177,7 @@ TEST(MirraProcessTest, EveryRowIsWholeWhoeverIsKilled) {
       {kRyxd, "--statehubsockname=" + socket, "--state=" + (directory / "state").string()});
   server.line("listening");
   std::mt19937 random(test::fromEnvironment("RYX_TEST_SEED", 1));
-  unsigned seeds = 0;
+  unsigned seeds = 0, kills = 0;
   Process writer = start<Writer>(socket, ++seeds);
   std::vector<Process> readers;
   for (int i = 0; i < 4; ++i) readers.push_back(start<Reader>(socket, ++seeds));
@@ -192,7 +192,7 @@ TEST(MirraProcessTest, EveryRowIsWholeWhoeverIsKilled) {
   const unsigned rounds = (kIsSanitized ? 3 : 8) * test::testTimes();
   for (unsigned round = 0; round < rounds && !::testing::Test::HasFailure(); ++round) {
     EXPECT_EQ("done", writer.ask("load"));
-    for (int kills = 0; kills < 3; ++kills) {
+    for (int n = 0; n < 3; ++n, ++kills) {
       ::usleep(random() % 40'000);
       if (random() % 2) {
         Process& reader = readers[random() % readers.size()];
@@ -212,6 +212,7 @@ TEST(MirraProcessTest, EveryRowIsWholeWhoeverIsKilled) {
   readers[0].signal(SIGCONT);
   allEqual();
   EXPECT_EQ(0, server.kill(SIGTERM));
+  test::tellOperations(kills);
 }
 
 // What a writer does, known beforehand.

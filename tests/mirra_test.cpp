@@ -339,6 +339,7 @@ struct alignas(8) Few {
   static constexpr uint32_t kMaxRows = 64;
   using Element = test::Part;
   static constexpr const char* kListName = "part";
+  static constexpr uint64_t kMaxListBytes = uint64_t{3} << 19;
   uint64_t key = 0;
   Fib::RouteType type = Fib::RouteType::bgp;
   static constexpr auto members() {
@@ -364,6 +365,7 @@ TEST(MirraBoundsTest, AFullTableSaysSoAndStaysWhole) {
   std::vector<test::Part> found;
   EXPECT_TRUE(table.find(64, &few, &found));
   EXPECT_EQ(parts.size(), found.size());
+  EXPECT_FALSE(table.write({63}, parts)) << "there is no room for two of those";
   parts.emplace_back();
   EXPECT_FALSE(table.write({64}, parts));
   EXPECT_TRUE(table.find(64, &few, &found));
@@ -503,13 +505,29 @@ TEST(MirraLinkTest, TheTableOutlivesWriterHubAndConnection) {
   settle();
   EXPECT_EQ(left, mirror.cells);
   EXPECT_TRUE(reader.exists());
-  // The next writer's table takes its place, in silence where it says the same.
+  // The next writer's table takes its place, in silence where it says the same; what it does not
+  // have any more goes when it has offered all.
+  ends.writer->reconnected(ends.socket());
+  auto other = std::make_unique<Table<Cell>>(ends.writers(), "other", Mode::write);
+  other->offer();
+  settle();
+  ends.hub->drop(ends.hub->participants().back().number);
+  settle();
+  other.reset();  // nobody hears of it
+  Table<Cell> otherReader(ends.readers(), "other", Mode::read);
+  settle();
+  EXPECT_TRUE(otherReader.exists());
   ends.writer->reconnected(ends.socket());
   Table<Cell> next(ends.writers(), kName, Mode::write);
   for (auto& [key, value] : left) put(next, key, value);
   next.offer();
   settle();
   EXPECT_EQ(next.incarnation(), reader.incarnation());
+  EXPECT_TRUE(otherReader.exists());
+  ends.writers().settle();
+  settle();
+  EXPECT_FALSE(otherReader.exists());
+  EXPECT_TRUE(reader.exists());
   EXPECT_EQ(told, mirror.told);
   EXPECT_EQ(0u, mirror.gone);
   put(next, 4, 444);

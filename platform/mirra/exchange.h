@@ -49,6 +49,8 @@ class Exchange {
   // Nothing is, unless another table is by now.
   virtual void withdraw(const std::string& name, uint64_t incarnation) = 0;
   virtual void ring(const std::string& name, uint64_t incarnation) = 0;
+  // Whoever offers here offers all that it has: what its forerunner left besides goes.
+  virtual void settle() = 0;
   // The listener outlives its attachment. There may be several of one name.
   virtual void attach(const std::string& name, Listener& listener) = 0;
   virtual void detach(const std::string& name, Listener& listener) = 0;
@@ -62,6 +64,7 @@ class RYX_PRIVATE LocalExchange final : public Exchange {
   void offer(const std::string& name, const Offered& table) override;
   void withdraw(const std::string& name, uint64_t incarnation) override;
   void ring(const std::string& name, uint64_t incarnation) override;
+  void settle() override {}  // one process has no forerunner
   void attach(const std::string& name, Listener& listener) override;
   void detach(const std::string& name, Listener& listener) override;
   const Offered* offered(const std::string& name) const override;

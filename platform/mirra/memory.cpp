@@ -102,7 +102,7 @@ const RowType* RowType::named(std::string_view name) {
 const RowType& registered(RowType type, const std::string& layout) {
   // Whatever moves something in the memory is part of what is told apart.
   const std::string all = layout + " mirra 1 " + std::to_string(type.maxRows) + " " +
-                          std::to_string(kLog) + " " + std::to_string(kMaxListBytes);
+                          std::to_string(kLog) + " " + std::to_string(type.listBytes);
   type.layout = hashBytes(all.data(), all.size(), kMagic);
   Registry& r = registry();
   const std::lock_guard lock(r.mutex);
@@ -123,7 +123,7 @@ Memory::Places Memory::placesOf(const RowType& type) {
   p.maxIndexBits = std::max(p.maxIndexBits, kFirstIndexBits);
   p.rows = upToPage(p.index + (uint64_t{4} << p.maxIndexBits));
   p.lists = upToPage(p.rows + p.stride * type.maxRows);
-  p.end = p.lists + (type.elementBytes != 0 ? kMaxListBytes / 8 : 0);
+  p.end = p.lists + wordsOf(type.listBytes);
   return p;
 }
 
@@ -236,7 +236,9 @@ bool RowReader::logged(uint64_t version, uint32_t* row) const {
 bool RowReader::copyList(const Word* words, List* list) const {
   const uint64_t count = get(words[0]), place = get(words[1]);
   const uint64_t length = count * wordsOf(type().elementBytes);
-  if (count > kMaxElements || place > kMaxListBytes / 8 - length) return false;
+  if (count > kMaxElements || length > wordsOf(type().listBytes) ||
+      place > wordsOf(type().listBytes) - length)
+    return false;
   list->count = count;
   list->bytes.resize(length * 8);
   getAll(list->bytes.data(), head_ + places_.lists + place, length);
@@ -486,7 +488,7 @@ bool RowWriter::allocate(uint64_t words, uint64_t* place) {
     freeBlocks_[bits].pop_back();
     return true;
   }
-  if (blocks_ + (uint64_t{1} << bits) > kMaxListBytes / 8) return false;
+  if (blocks_ + (uint64_t{1} << bits) > wordsOf(memory_->type().listBytes)) return false;
   *place = blocks_;
   blocks_ += uint64_t{1} << bits;
   return true;

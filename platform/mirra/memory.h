@@ -45,9 +45,8 @@ using Word = std::atomic<uint64_t>;
 static_assert(sizeof(Word) == 8 && Word::is_always_lock_free);
 
 // Named bounds.
-inline constexpr uint32_t kLog = 65536;                       // versions that the log has
-inline constexpr uint64_t kMaxListBytes = uint64_t{4} << 30;  // of all lists of a table
-inline constexpr int kMaxTries = 1000;                        // of reading one row
+inline constexpr uint32_t kLog = 65536;  // versions that the log has
+inline constexpr int kMaxTries = 1000;   // of reading one row
 
 class RYX_PRIVATE Memory {
  public:

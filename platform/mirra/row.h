@@ -16,6 +16,7 @@
 //
 //     using Element = FibVia;
 //     static constexpr const char* kListName = "via";
+//     static constexpr uint64_t kMaxListBytes = uint64_t{4} << 30;  // of all rows
 //
 // From the description come the layout by which reader and writer know that they mean the same, the
 // check of what is read (a writer may be broken), comparison, and the dump.
@@ -44,6 +45,7 @@ struct RowType {
   uint32_t keyBytes;
   uint32_t elementBytes;  // a multiple of 8; 0: no list
   uint32_t maxRows;
+  uint64_t listBytes;  // of all lists at most
   uint64_t (*hash)(const void* key, uint64_t seed);
   bool (*sameKey)(const void* key, const void* other);
   // With their lists, of one length.
@@ -162,6 +164,7 @@ const RowType& makeRowType() {
   if constexpr (HasList<Row>) {
     static_assert(isRowLike<typename Row::Element>(), "so is an element of its list");
     type.elementBytes = sizeof(typename Row::Element);
+    type.listBytes = Row::kMaxListBytes;
     describe<typename Row::Element>(&layout, Row::kListName);
   }
   return registered(std::move(type), layout);

@@ -98,6 +98,7 @@ struct alignas(8) ForwardingStatus {
   static constexpr uint32_t kMaxRows = 4u << 20;
   using Element = Via;
   static constexpr const char* kListName = "via";
+  static constexpr uint64_t kMaxListBytes = uint64_t{4} << 30;
   uint64_t key = 0;  // the FEC id
   static constexpr auto members() { return described(member("fecId", &ForwardingStatus::key)); }
 };
@@ -146,6 +147,7 @@ struct alignas(8) EntryStatus {
   static constexpr uint32_t kMaxRows = 256u << 10;
   using Element = Fib::Via;
   static constexpr const char* kListName = "via";
+  static constexpr uint64_t kMaxListBytes = uint64_t{1} << 30;
   uint64_t key = 0;  // the group's number
   FixedText<256> name;
   static constexpr auto members() {

@@ -580,7 +580,7 @@ class Hub::Session final : public Writer,
   static constexpr size_t kLingering = 16;  // answers that may wait for company
   Linger linger_{*this};
   bool lingered_ = false;
-  TableServer tables_{hub_.tree_.tables(), [this] { wake(); }};
+  TableServer tables_{hub_.tree_.ownTables(), [this] { wake(); }};
   Encoder out_;
   std::vector<File> outFiles_;
   Encoder controls_;

@@ -51,7 +51,7 @@ struct TableServer::Attachment final : mirra::Listener {
   bool wasThere = false;
 };
 
-TableServer::TableServer(mirra::Exchange& tables, std::function<void()> wake)
+TableServer::TableServer(mirra::LocalExchange& tables, std::function<void()> wake)
     : tables_(tables), wake_(std::move(wake)) {}
 TableServer::~TableServer() = default;
 
@@ -97,9 +97,22 @@ std::string TableServer::take(Op op, Decoder& d, const TakeFile& file) {
     case Op::detach:
       attachments_.erase(number);
       return "";
+    case Op::settle:
+      if (rights_.offers) settle();
+      return "";
     default:
       return "an unknown operation";
   }
+}
+
+void TableServer::settle() {
+  std::map<std::string, uint64_t> left;
+  for (auto& [name, table] : tables_.all())
+    if (table.writer == rights_.name) left[name] = table.incarnation;
+  for (auto& [number, offer] : offers_)
+    if (auto at = left.find(offer.name); at != left.end() && at->second == offer.incarnation)
+      left.erase(at);
+  for (auto& [name, incarnation] : left) tables_.withdraw(name, incarnation);
 }
 
 void TableServer::encode(Encoder& out, std::vector<File>* files) {
@@ -148,6 +161,11 @@ void TableClient::ring(const std::string& name, uint64_t incarnation) {
   const auto at = offers_.find(name);
   if (at == offers_.end() || at->second.table.incarnation != incarnation) return;
   at->second.rings = true;
+  owe();
+}
+
+void TableClient::settle() {
+  settles_ = true;
   owe();
 }
 
@@ -236,6 +254,7 @@ void TableClient::encode(Encoder& out, std::vector<File>* files) {
     out.text(name);
   }
   for (const auto& [op, number] : std::exchange(ended_, {})) encodeOp(out, op, number);
+  if (std::exchange(settles_, false)) encodeOp(out, Op::settle, 0);
 }
 
 }  // namespace ryx::platform

@@ -24,7 +24,7 @@ using TakeFile = std::function<File()>;
 class RYX_PRIVATE TableServer {
  public:
   // Of that exchange, which outlives it. `wake` is called when there is something to say.
-  TableServer(mirra::Exchange& tables, std::function<void()> wake);
+  TableServer(mirra::LocalExchange& tables, std::function<void()> wake);
   ~TableServer();
   TableServer(const TableServer&) = delete;
 
@@ -48,8 +48,9 @@ class RYX_PRIVATE TableServer {
   void owe() {
     if (!std::exchange(owes_, true)) wake_();
   }
+  void settle();
 
-  mirra::Exchange& tables_;
+  mirra::LocalExchange& tables_;
   const std::function<void()> wake_;
   Rights rights_{};
   struct Offer {
@@ -69,6 +70,7 @@ class RYX_PRIVATE TableClient final : public mirra::Exchange {
   void offer(const std::string& name, const mirra::Offered& table) override;
   void withdraw(const std::string& name, uint64_t incarnation) override;
   void ring(const std::string& name, uint64_t incarnation) override;
+  void settle() override;
   void attach(const std::string& name, mirra::Listener& listener) override;
   void detach(const std::string& name, mirra::Listener& listener) override;
   const mirra::Offered* offered(const std::string& name) const override {
@@ -104,6 +106,7 @@ class RYX_PRIVATE TableClient final : public mirra::Exchange {
   std::vector<std::pair<Op, uint64_t>> ended_;  // what the hub has to hear of
   uint64_t numbers_ = 0;
   bool owes_ = false;
+  bool settles_ = false;
 };
 
 }  // namespace ryx::platform

@@ -30,6 +30,7 @@ enum class Op : uint8_t {
   attach = 25,     // number, name: it reads that table
   detach = 26,     // attachment: it does no more
   ring = 27,       // offer: something was written to it
+  settle = 28,     // 0: what its forerunner offered, and it does not, is no more
   // From the hub.
   mounted = 30,   // mount, status, container (when it succeeded), type
   synced = 31,    // mount: all of it has been sent

@@ -9,6 +9,7 @@
 #include "platform/activity/activity.h"
 #include "platform/agent/process_title.h"
 #include "platform/agent/trace_control.h"
+#include "platform/mirra/exchange.h"
 #include "platform/model/agent.h"
 #include "platform/model/wellknown.h"
 #include "platform/statehub/entity_manager.h"
@@ -53,6 +54,7 @@ int serve(const std::string& service, int fd) {
       return activity().executionTimeIs(0);
     }
     feed->takeOver();
+    em->tree().tables().settle();
     auto* mine = em->find<Dir>(kStatuses)->entry.create<GenericAgent::Service>(name);
     mine->pid.set(static_cast<uint32_t>(::getpid()));
   });

@@ -24,9 +24,10 @@ struct alignas(8) Part {
 
 struct alignas(8) Cell {
   static constexpr const char* kTypeName = "MirraTest::Cell";
-  static constexpr uint32_t kMaxRows = 2u << 20;
+  static constexpr uint32_t kMaxRows = 16u << 10;
   using Element = Part;
   static constexpr const char* kListName = "part";
+  static constexpr uint64_t kMaxListBytes = 16u << 20;
   uint64_t key = 0;
   uint64_t value = 0;
   uint64_t parts = 0;

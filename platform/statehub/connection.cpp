@@ -14,6 +14,7 @@
 
 #include "platform/activity/descriptor.h"
 #include "platform/statehub/wire.h"
+#include "platform/trace/trace.h"
 
 namespace ryx::platform {
 namespace {
@@ -149,7 +150,10 @@ class Connection::Socket final : public Descriptor {
         inFiles_.emplace_back(file);
       }
     }
-    return message.msg_flags & MSG_CTRUNC ? 0 : n;
+    if (!(message.msg_flags & MSG_CTRUNC)) return n;
+    RYX_TRACE(TraceFacility::named("RyxStatehub"), 0,
+              "descriptors of tables were lost: this process may have no more open files");
+    return 0;
   }
   // As send(2), of what is unsent and goes together.
   ssize_t sendSome() {

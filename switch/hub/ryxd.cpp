@@ -1,5 +1,6 @@
 // ryxd: the Statehub server of one switch, and the supervisor of its services and agents.
 #include <getopt.h>
+#include <sys/resource.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -150,6 +151,14 @@ void tellManager(const std::string& lines) {
     std::fprintf(stderr, "ryxd: %s\n", why.c_str());
 }
 
+// A descriptor for each connection and each table may be more than the usual thousand.
+void takeAllDescriptors() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 int run(const Options& options) {
   const ryx::hub::Config& config = options.config;
   std::function<void()> stop;
@@ -207,6 +216,7 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
   const Options options = parse(argc, argv);
+  takeAllDescriptors();
   if (!options.serve.empty()) return ryx::hub::serve(options.serve, options.descriptor);
   if (options.check) {
     std::printf("ryxd: the configuration is good\n");

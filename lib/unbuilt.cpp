@@ -114,12 +114,6 @@ void sdk::init_mpls_vrf_label_mgr() {
 mpls_vrf_label_mgr* sdk::get_mpls_vrf_label_mgr() {
   return get(mpls_vrf_label_mgr_, &sdk::init_mpls_vrf_label_mgr, {});
 }
-void sdk::init_neighbor_table_mgr() {
-  unbuilt("neighbor_table_mgr");
-}
-neighbor_table_mgr* sdk::get_neighbor_table_mgr() {
-  return get(neighbor_table_mgr_, &sdk::init_neighbor_table_mgr, {});
-}
 void sdk::init_nexthop_group_mgr() {
   unbuilt("nexthop_group_mgr");
 }

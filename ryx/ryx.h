@@ -18,6 +18,7 @@
 #include <ryx/ip.h>
 #include <ryx/iter_base.h>
 #include <ryx/mount.h>
+#include <ryx/neighbor_table.h>
 #include <ryx/panic.h>
 #include <ryx/print_profiles.h>
 #include <ryx/sdk.h>

@@ -134,39 +134,34 @@ TEST_F(RyxTest, WatchesAndSets) {
 
 TEST_F(RyxTest, ShowsTheTables) {
   using namespace platform;
-  EXPECT_EQ("name  type  writer  readers  rows  writes  refused\n", ryx({"mirra"}));
-  EXPECT_EQ("[]\n", ryx({"mirra", "--json"}));
+  EXPECT_EQ("[]\n", ryx({"mirra", "arp/status", "--json"}));
+  ryx({"sim", "neighbor-learn", "10.0.0.1", "Ethernet1", "00:1c:73:00:00:01"});
+  ryx({"sim", "neighbor-learn", "fe80::7", "Ethernet3/1", "00:1c:73:00:00:02"});
   ConnectionSettings settings;
   settings.socketName = socket_;
   std::string why;
   const auto em = EntityManager::overSocket(connectToServer(settings, &why),
                                             Participant(Role::service, "tester"));
-  mirra::Table<Arp::Status> arp(em->tree().tables(), "arp/status", mirra::Mode::write);
   mirra::Table<Fib::ForwardingStatus> fecs(em->tree().tables(), "forwarding/vrf/status/default",
                                            mirra::Mode::write);
-  IntfId ethernet1;
-  ASSERT_TRUE(parse("Ethernet1", &ethernet1));
-  for (const uint32_t n : {1, 20})
-    arp.write({{IpAddr::v4(0x0a000000 + n), ethernet1}, {}, Arp::EntryType::dynamic});
   Fib::Via via;
   via.hop = IpAddr::v4(0x0a000001);
   fecs.write({7}, std::vector<Fib::Via>{via, via});
-  arp.offer();
   fecs.offer();
   test::whileWaiting = [] { activity().run(0); };
   activity().run(0.1);
   EXPECT_EQ(
       "name                           type                          writer  readers  rows  writes  "
       "refused\n"
-      "arp/status                     Arp::Table::Status            tester  0        2     2       "
+      "arp/status                     Arp::Table::Status            sim     0        2     2       "
       "0\n"
       "forwarding/vrf/status/default  Mirra::Fib::ForwardingStatus  tester  0        1     1       "
       "0\n",
       ryx({"mirra"}));
   EXPECT_EQ(
-      "addr       intf       ethAddr            entryType\n"
-      "10.0.0.1   Ethernet1  00:00:00:00:00:00  1\n"
-      "10.0.0.20  Ethernet1  00:00:00:00:00:00  1\n",
+      "addr      intf         ethAddr            entryType\n"
+      "10.0.0.1  Ethernet1    00:1c:73:00:00:01  1\n"
+      "fe80::7   Ethernet3/1  00:1c:73:00:00:02  1\n",
       ryx({"mirra", "arp/status"}));
   const json rows = jsonOf({"mirra", "forwarding/vrf/status/default", "--json"});
   ASSERT_EQ(1u, rows.size());

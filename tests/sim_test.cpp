@@ -25,6 +25,9 @@ using namespace platform;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
+const std::string kCommands =
+    "interface-add, interface-del, oper-status, neighbor-learn, neighbor-age";
+
 IntfId id(const std::string& name) {
   IntfId intf;
   EXPECT_TRUE(parse(name, &intf)) << name;
@@ -105,10 +108,10 @@ TEST_F(SimTest, RefusedLinesSayWhatWasExpectedAndChangeNothing) {
   };
   const std::string add = "; expected: interface-add INTF [kernel-name]";
   const std::string oper = "; expected: oper-status INTF CODE";
+  const std::string learn = "; expected: neighbor-learn IP INTF MAC";
   for (const Case& c : std::initializer_list<Case>{
            {"interface-Add Ethernet3",
-            "unknown command \"interface-Add\"; expected one of: interface-add, interface-del, "
-            "oper-status"},
+            "unknown command \"interface-Add\"; expected one of: " + kCommands},
            {"interface-add", "INTF is missing (an interface name, like Ethernet3/1)" + add},
            {"interface-add # Ethernet3",
             "INTF is missing (an interface name, like Ethernet3/1)" + add},
@@ -130,6 +133,17 @@ TEST_F(SimTest, RefusedLinesSayWhatWasExpectedAndChangeNothing) {
             "there is no interface Ethernet3; expected one that interface-add made"},
            {"oper-status Ethernet3 1",
             "there is no interface Ethernet3; expected one that interface-add made"},
+           {"neighbor-learn 10.0.0 Ethernet1 00:1c:73:00:00:01",
+            "\"10.0.0\" is no IP (an IPv4 or IPv6 address)" + learn},
+           {"neighbor-learn 10.0.0.1 Ethernet1 00:1c:73",
+            "\"00:1c:73\" is no MAC (a MAC address, "
+            "like 00:1c:73:00:00:01)" +
+                learn},
+           {"neighbor-learn 10.0.0.1 Ethernet3 00:1c:73:00:00:01",
+            "there is no interface Ethernet3; expected one that interface-add made"},
+           {"neighbor-age 10.0.0.1 Ethernet1",
+            "no neighbour 10.0.0.1 was learned at Ethernet1; expected one that neighbor-learn "
+            "made"},
            {"oper-status Ethernet1", "CODE is missing (a number from 0 to 255)" + oper},
            {"oper-status Ethernet1 256", "\"256\" is no CODE (a number from 0 to 255)" + oper},
            {"oper-status Ethernet1 -1", "\"-1\" is no CODE (a number from 0 to 255)" + oper},
@@ -141,9 +155,7 @@ TEST_F(SimTest, RefusedLinesSayWhatWasExpectedAndChangeNothing) {
             "a quote inside the word \"Ether\"; expected a blank before it" + oper},
            {R"(oper-status "Ethernet\1" 1)", R"(a backslash before "1"; expected \" or \\)" + oper},
            {"\"oper-status", "a quote without its end"},
-           {"x\x1b[2J\xff",
-            "unknown command \"x\\x1b[2J\\xff\"; expected one of: interface-add, "
-            "interface-del, oper-status"},
+           {"x\x1b[2J\xff", "unknown command \"x\\x1b[2J\\xff\"; expected one of: " + kCommands},
        }) {
     EXPECT_EQ(sim_.command(c.line), c.told) << c.line;
   }
@@ -238,10 +250,8 @@ TEST_F(SimInputTest, AScenarioIsDoneWholeAndItsFaultsAreTold) {
   CaptureStderr();
   EXPECT_EQ(runScenario(sim_, path_), "");
   EXPECT_EQ(GetCapturedStderr(),
-            path_ +
-                ":2: unknown command \"fault\"; expected one of: interface-add, "
-                "interface-del, oper-status\n" +
-                path_ + ":4: expected a line of at most 4096 bytes\n");
+            path_ + ":2: unknown command \"fault\"; expected one of: " + kCommands + "\n" + path_ +
+                ":4: expected a line of at most 4096 bytes\n");
   EXPECT_EQ(status("Ethernet1"), 2);
   EXPECT_EQ(status("Ethernet2"), 1);
   EXPECT_NE(runScenario(sim_, directory_ + "/none").find("none\": No such file or directory"),

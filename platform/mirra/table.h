@@ -171,6 +171,7 @@ class RowIterator {
   }
   explicit operator bool() const { return live_; }
   const Row& row() const { return row_; }
+  const auto& key() const { return row_.key; }
   std::span<const Element> list() const requires detail::HasList<Row> {
     return detail::elementsAt<Element>(list_.data(), list_.count);
   }

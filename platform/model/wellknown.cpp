@@ -4,6 +4,7 @@
 
 #include "platform/model/acl.h"
 #include "platform/model/agent.h"
+#include "platform/model/arp.h"
 #include "platform/model/interface.h"
 #include "platform/model/lldp.h"
 #include "platform/model/routing.h"
@@ -56,6 +57,7 @@ const std::vector<WellKnown>& wellKnown() {
       {"interface/status/eth/vlan", &typeOf<Interface::VlanIntfStatusDir>, Access::service},
       config("interface/config/eth/vxlan", &typeOf<Vxlan::VtiConfigDir>),
       {"interface/status/eth/vxlan", &typeOf<Vxlan::VtiStatusDir>, Access::service},
+      {"arp/input/config", &typeOf<Dir>, Access::agentOwn, 1, true},
       {"routing/vrf/input", &typeOf<Dir>, Access::agentOwn, 2, true},
       {"routing6/vrf/input", &typeOf<Dir>, Access::agentOwn, 2, true},
   };
@@ -93,6 +95,7 @@ void registerModel() {
   typeOf<Interface::EthPhyIntfConfigDir>();
   typeOf<Interface::EthPhyIntfStatusDir>();
   typeOf<Routing::RouteInput>();
+  typeOf<Arp::ArpInputConfig>();
   typeOf<Acl::Input::Config>();
   typeOf<Lldp::RemoteSystem>();
   TypeInfo::registerChildren();

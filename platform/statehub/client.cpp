@@ -99,7 +99,7 @@ std::unique_ptr<MountGroup> Client::mountGroup() {
 }
 
 bool Client::drained() const {
-  return controls_.size() == 0 && !(greeted_ && tables_.owes()) && caughtUp() &&
+  return controls_.size() == 0 && !(connected() && tables_.owes()) && caughtUp() &&
          lostRemovals_.empty() && unsentBytes() == 0 && (connected() || onTheWay_.empty());
 }
 
@@ -108,7 +108,7 @@ std::vector<int> Client::connections() const {
 }
 
 void Client::hello() {
-  greeted_ = false;
+  tables_.restart();
   outFiles_.clear();
   connection_->mostFilesIs(2 * kMaxFilesOfFrame);
   controls_.u8(static_cast<uint8_t>(Op::hello));
@@ -182,9 +182,7 @@ bool Client::control(Op op, Decoder& d) {
         lastCut_ = 0;
       }
       incarnation_ = incarnation;
-      greeted_ = true;
-      tables_.restart();
-      wake();
+      tables_.greeted();
       return true;
     }
     case Op::mounted:
@@ -444,7 +442,7 @@ bool Client::run(Slice& slice) {
 void Client::encodeSome(bool* all) {
   out_.clear();
   out_.swap(controls_);
-  if (greeted_) tables_.encode(out_, &outFiles_);
+  tables_.encode(out_, &outFiles_);
   size_t start = out_.size();
   out_.u8(static_cast<uint8_t>(Op::batch));
   out_.varint(batch_ + 1);
@@ -466,7 +464,7 @@ void Client::encodeSome(bool* all) {
   }
   if (*all && std::exchange(cutOwed_, false)) out_.u8(static_cast<uint8_t>(Op::cut));
   if (out_.size() != 0) connection_->send(out_.view(), std::exchange(outFiles_, {}));
-  if (greeted_ && tables_.owes()) *all = false;
+  if (tables_.owes()) *all = false;
 }
 
 // Those of containers come before those in them: what has to be sent for the latter may use a key

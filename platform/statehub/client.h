@@ -203,7 +203,6 @@ class RYX_PRIVATE Client final : public EntityManager,
   std::vector<Ref<Entity>> fresh_;     // roots of mounts that are fresh()
   std::vector<Ref<Entity>> ownRoots_;  // to be swept at the hub when all of it was sent again
   TableClient tables_{[this] { wake(); }};
-  bool greeted_ = false;  // by the hub, on this connection
   Encoder out_;
   std::vector<File> outFiles_;
   Encoder controls_;

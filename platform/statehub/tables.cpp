@@ -188,10 +188,18 @@ void TableClient::detach(const std::string& name, mirra::Listener& listener) {
 }
 
 void TableClient::restart() {
+  isGreeted_ = false;
   ended_.clear();
   for (auto& [name, offer] : offers_) offer.isTold = false;
   for (auto& [name, attachment] : attachments_) attachment.isTold = false;
-  owe();
+  owes_ = true;
+  wake_();
+}
+
+void TableClient::greeted() {
+  isGreeted_ = true;
+  owes_ = true;
+  wake_();
 }
 
 std::string TableClient::take(Op op, Decoder& d, const TakeFile& file) {
@@ -234,6 +242,13 @@ std::string TableClient::take(Op op, Decoder& d, const TakeFile& file) {
 
 void TableClient::encode(Encoder& out, std::vector<File>* files) {
   if (!std::exchange(owes_, false)) return;
+  for (auto& [name, attachment] : attachments_) {
+    if (out.size() >= kFrameOfParticipant) return owe();
+    if (std::exchange(attachment.isTold, true)) continue;
+    encodeOp(out, Op::attach, attachment.number);
+    out.text(name);
+  }
+  if (!isGreeted_) return;
   // A new table comes before its forerunner goes: nobody is without one in between.
   for (auto& [name, offer] : offers_) {
     if (out.size() >= kFrameOfParticipant || files->size() >= kMaxFilesOfFrame) return owe();
@@ -246,12 +261,6 @@ void TableClient::encode(Encoder& out, std::vector<File>* files) {
       offer.rings = true;
     }
     if (std::exchange(offer.rings, false)) encodeOp(out, Op::ring, offer.number);
-  }
-  for (auto& [name, attachment] : attachments_) {
-    if (out.size() >= kFrameOfParticipant) return owe();
-    if (std::exchange(attachment.isTold, true)) continue;
-    encodeOp(out, Op::attach, attachment.number);
-    out.text(name);
   }
   for (const auto& [op, number] : std::exchange(ended_, {})) encodeOp(out, op, number);
   if (std::exchange(settles_, false)) encodeOp(out, Op::settle, 0);

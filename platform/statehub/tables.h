@@ -79,6 +79,8 @@ class RYX_PRIVATE TableClient final : public mirra::Exchange {
 
   // The hub's half knows nothing: a new connection.
   void restart();
+  // The hub has greeted: it takes descriptors from now on.
+  void greeted();
   [[nodiscard]] std::string take(Op op, Decoder& d, const TakeFile& file);
   bool owes() const { return owes_; }
   void encode(Encoder& out, std::vector<File>* files);
@@ -105,6 +107,7 @@ class RYX_PRIVATE TableClient final : public mirra::Exchange {
   std::map<uint64_t, std::string> names_;       // of attachments, by their numbers
   std::vector<std::pair<Op, uint64_t>> ended_;  // what the hub has to hear of
   uint64_t numbers_ = 0;
+  bool isGreeted_ = false;
   bool owes_ = false;
   bool settles_ = false;
 };

@@ -59,7 +59,8 @@ std::vector<std::pair<std::string, std::string>> cells(const std::string& text) 
       if (value.is_object())
         self(self, value);
       else
-        all.emplace_back(name, value.is_string() ? value.template get<std::string>() : value.dump());
+        all.emplace_back(name,
+                         value.is_string() ? value.template get<std::string>() : value.dump());
   };
   add(add, ordered_json::parse(text));
   return all;

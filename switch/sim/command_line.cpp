@@ -23,6 +23,14 @@ bool intfName(Argument* a) {
   return parse(a->text, &a->intf);
 }
 
+bool ipAddress(Argument* a) {
+  return parse(a->text, &a->ip);
+}
+
+bool macAddress(Argument* a) {
+  return parse(a->text, &a->mac);
+}
+
 bool number(Argument* a, uint32_t max) {
   const char* at = a->text.data();
   const char* end = at + a->text.size();
@@ -48,6 +56,8 @@ struct Kind {
 };
 constexpr Kind kKinds[] = {
     {"INTF", intfName, "an interface name, like Ethernet3/1"},
+    {"IP", ipAddress, "an IPv4 or IPv6 address"},
+    {"MAC", macAddress, "a MAC address, like 00:1c:73:00:00:01"},
     {"CODE", code, "a number from 0 to 255"},
     {"kernel-name", deviceName, "a network device's name, at most 15 bytes"},
 };

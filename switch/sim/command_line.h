@@ -13,7 +13,9 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/types/eth.h"
 #include "platform/types/intf.h"
+#include "platform/types/ip.h"
 
 namespace ryx::sim {
 
@@ -21,6 +23,8 @@ namespace ryx::sim {
 struct Argument {
   std::string text;
   platform::IntfId intf;
+  platform::IpAddr ip;
+  platform::MacAddr mac;
   uint32_t number = 0;
 };
 using Arguments = std::vector<Argument>;

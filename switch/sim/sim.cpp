@@ -52,6 +52,8 @@ const Sim::Command Sim::kCommands[] = {
     {"interface-add", "INTF [kernel-name]", &Sim::addInterface},
     {"interface-del", "INTF", &Sim::deleteInterface},
     {"oper-status", "INTF CODE", &Sim::setOperStatus},
+    {"neighbor-learn", "IP INTF MAC", &Sim::learnNeighbor},
+    {"neighbor-age", "IP INTF", &Sim::ageNeighbor},
 };
 
 namespace {
@@ -62,7 +64,7 @@ std::string unknown(IntfId intf) {
 
 }  // namespace
 
-Sim::Sim(Tree& tree) : tree_(tree) {}
+Sim::Sim(Tree& tree) : tree_(tree), neighbors_(tree) {}
 
 Sim::~Sim() = default;
 
@@ -97,6 +99,7 @@ std::string Sim::addInterface(const Arguments& arguments) {
   made.status->deviceName.set(device);
   auto code = static_cast<uint8_t>(intf.isLoopback() ? OperStatus::up : OperStatus::down);
   ports_.emplace(intf, std::make_unique<Port>(*made.config, *made.status, code));
+  neighbors_.interfaceIs(intf, true);
   return {};
 }
 
@@ -104,11 +107,25 @@ std::string Sim::deleteInterface(const Arguments& arguments) {
   IntfId intf = arguments[0].intf;
   if (ports_.erase(intf) == 0) return unknown(intf);
   feeds::eraseIntf(tree_, intf);
+  neighbors_.interfaceIs(intf, false);
   return {};
 }
 
 void Sim::takeOver() {
   feeds::eraseIntfsBut(tree_, [this](IntfId intf) { return ports_.count(intf) != 0; });
+}
+
+std::string Sim::learnNeighbor(const Arguments& arguments) {
+  const IntfId intf = arguments[1].intf;
+  if (!ports_.count(intf)) return unknown(intf);
+  neighbors_.learn({arguments[0].ip, intf}, arguments[2].mac);
+  return {};
+}
+
+std::string Sim::ageNeighbor(const Arguments& arguments) {
+  if (neighbors_.age({arguments[0].ip, arguments[1].intf})) return {};
+  return "no neighbour " + arguments[0].text + " was learned at " + arguments[1].text +
+         "; expected one that neighbor-learn made";
 }
 
 std::string Sim::setOperStatus(const Arguments& arguments) {

@@ -4,6 +4,8 @@
 //   interface-add INTF [kernel-name]    an interface, and the name of its kernel device
 //   interface-del INTF
 //   oper-status INTF CODE               the platform's code of its operational status, 0 to 255
+//   neighbor-learn IP INTF MAC          neighbours (neighbors.h)
+//   neighbor-age IP INTF
 //
 // A new interface is operationally down (code 2), a loopback interface up (1). One that is set
 // administratively off shows down (2) whatever happens at its port, and when it is on again, what
@@ -20,6 +22,7 @@
 #include "platform/qel/dir.h"
 #include "platform/types/intf.h"
 #include "switch/sim/command_line.h"
+#include "switch/sim/neighbors.h"
 
 namespace ryx::sim {
 
@@ -47,9 +50,12 @@ class Sim {
   std::string addInterface(const Arguments& arguments);
   std::string deleteInterface(const Arguments& arguments);
   std::string setOperStatus(const Arguments& arguments);
+  std::string learnNeighbor(const Arguments& arguments);
+  std::string ageNeighbor(const Arguments& arguments);
 
   platform::Tree& tree_;
   std::unordered_map<platform::IntfId, std::unique_ptr<Port>> ports_;
+  Neighbors neighbors_;
 };
 
 }  // namespace ryx::sim

@@ -118,6 +118,9 @@ struct NeighborKey {
   }
   bool operator==(const NeighborKey&) const = default;
 };
+struct NeighborKeyHash {
+  size_t operator()(const NeighborKey& key) const { return kinds::hashValue(key); }
+};
 
 enum class EntryType : uint8_t { none = 0, dynamic = 1, fixed = 2 };  // learned; configured
 constexpr bool isValid(EntryType t) {

@@ -6,6 +6,7 @@
 #include "platform/statehub/local.h"
 #include "switch/linux/intf_map.h"
 #include "switch/linux/kernel_links.h"
+#include "switch/linux/kernel_neighbors.h"
 
 namespace {
 
@@ -23,6 +24,7 @@ class LinuxFeed final : public Feed {
       if (!error.empty()) return "RYX_INTF_MAP: " + error;
     }
     links_ = ryx::kernel::KernelLinks::start(tree, map, &error);
+    if (links_) neighbors_ = ryx::kernel::KernelNeighbors::start(tree, links_->links(), &error);
     return error;
   }
 
@@ -30,13 +32,14 @@ class LinuxFeed final : public Feed {
 
  private:
   std::unique_ptr<ryx::kernel::KernelLinks> links_;
+  std::unique_ptr<ryx::kernel::KernelNeighbors> neighbors_;
 };
 
 }  // namespace
 
 extern "C" RYX_PRIVATE const char ryxFeedAbi[] = RYX_VERSION;
 
-extern "C" RYX_PRIVATE const char* const ryxFeedPlaces[] = {"interface/", "lag/", nullptr};
+extern "C" RYX_PRIVATE const char* const ryxFeedPlaces[] = {"interface/", "lag/", "arp/", nullptr};
 
 extern "C" RYX_PRIVATE Feed* ryxFeedStart(Tree& tree, const std::string& argument,
                                           std::string* error) {

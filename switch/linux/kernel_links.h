@@ -32,7 +32,7 @@ class KernelLinks final : private NetlinkSocket::Client, private LinkWriter {
   KernelLinks(platform::Tree& tree, const IntfMap& map);
   ~KernelLinks();
 
-  const Links& links() const { return links_; }
+  Links& links() { return links_; }
   void takeOver() { links_.takeOver(); }
   const NetlinkSocket& socket() const { return *socket_; }
 

@@ -202,6 +202,11 @@ void Links::takeOver() {
   feeds::eraseIntfsBut(tree_, [this](IntfId intf) { return owners_.count(intf) != 0; });
 }
 
+void Links::onDeviceIs(DeviceIs is) {
+  deviceIs_ = std::move(is);
+  for (const auto& [intf, index] : owners_) tellDevice(index, intf);
+}
+
 bool Links::someAreDown() const {
   return std::any_of(devices_.begin(), devices_.end(),
                      [](const auto& entry) { return entry.second.port && !entry.second.link.up; });
@@ -209,15 +214,19 @@ bool Links::someAreDown() const {
 
 void Links::take(const Link& link) {
   Device& device = devices_[link.index];
-  std::string name = std::exchange(device.link, link).name;
-  IntfId intf = name == link.name ? device.intf : map_.interfaceOf(link.name);
+  const Link before = std::exchange(device.link, link);
+  IntfId intf = before.name == link.name ? device.intf : map_.interfaceOf(link.name);
   if (intf != device.intf) {
     release(device);
     device.intf = intf;
     device.told = false;
   }
   if (intf.isEmpty()) return;
-  if (device.port && device.port->whole()) return device.port->kernelHas(link);
+  if (device.port && device.port->whole()) {
+    device.port->kernelHas(link);
+    if (before.up != link.up) tellDevice(link.index, intf);
+    return;
+  }
   if (!device.port && owners_.count(intf) != 0) return wait(device);
   claim(device);  // anew, when somebody deleted its entities
 }
@@ -232,6 +241,7 @@ void Links::claim(Device& device) {
   owners_[device.intf] = device.link.index;
   device.port = std::make_shared<Port>(*this, feeds::createIntf(tree_, device.intf), device.link);
   device.port->begin();
+  tellDevice(device.link.index, device.intf);
 }
 
 // It is no interface from now on, and another device that maps to the one it was takes that over.
@@ -241,6 +251,7 @@ void Links::release(Device& device) {
   if (!std::exchange(device.port, nullptr)) return;
   RYX_TRACE(facility(), 5, intf.toString() << " goes");
   owners_.erase(intf);
+  tellDevice(device.link.index, {});
   feeds::eraseIntf(tree_, intf);
   auto next = waiting_.lower_bound({intf, 0});
   if (next == waiting_.end() || next->first != intf) return;

@@ -82,6 +82,11 @@ class Links {
   // The tree's interfaces that are no devices go.
   void takeOver();
 
+  // `is` is called for each device that is an interface, now and when one comes, goes (it is the
+  // empty one then), or goes administratively up or down.
+  using DeviceIs = std::function<void(int index, platform::IntfId intf)>;
+  void onDeviceIs(DeviceIs is);
+
   size_t interfaces() const { return owners_.size(); }
   // The device of some interface is administratively down.
   bool someAreDown() const;
@@ -103,6 +108,9 @@ class Links {
   void release(Device& device);
   void wait(Device& device);
   void tellConflict(Device& device);
+  void tellDevice(int index, platform::IntfId intf) const {
+    if (deviceIs_) deviceIs_(index, intf);
+  }
 
   platform::Tree& tree_;
   const IntfMap& map_;
@@ -112,6 +120,7 @@ class Links {
   std::unordered_map<platform::IntfId, int> owners_;
   std::set<std::pair<platform::IntfId, int>> waiting_;  // devices whose interface another one is
   std::unique_ptr<Hearing> hearing_;                    // during a dump
+  DeviceIs deviceIs_;
 };
 
 }  // namespace ryx::kernel

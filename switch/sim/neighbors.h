@@ -4,20 +4,18 @@
 //   neighbor-age IP INTF          it answered for too long not
 //
 // The table has an entry for each that was learned and for each that agents configured, at the
-// interfaces that there are. What is configured goes before what was learned; of several agents'
-// entries of one key that of the agent whose name comes first counts.
+// interfaces that there are. What is configured goes before what was learned.
 #pragma once
 
-#include <map>
 #include <unordered_map>
 
 #include "platform/mirra/table.h"
 #include "platform/model/arp.h"
-#include "platform/qel/reactor.h"
+#include "switch/base/neighbor_inputs.h"
 
 namespace ryx::sim {
 
-class Neighbors final : private platform::JournalReactor {
+class Neighbors {
  public:
   // `tree` outlives it.
   explicit Neighbors(platform::Tree& tree);
@@ -29,21 +27,13 @@ class Neighbors final : private platform::JournalReactor {
   void interfaceIs(platform::IntfId intf, bool exists);
 
  private:
-  struct Hash {
-    size_t operator()(const platform::Arp::NeighborKey& key) const {
-      return platform::kinds::hashValue(key);
-    }
-  };
-
-  void onEntity(platform::Entity& entity, platform::Change) override;
   void look(const platform::Arp::NeighborKey& key);
-  const platform::MacAddr* configured(const platform::Arp::NeighborKey& key) const;
-  template <class F>
-  void forEachInput(F&& call) const;
 
   platform::Tree& tree_;
   platform::mirra::Table<platform::Arp::Status> table_;
-  std::unordered_map<platform::Arp::NeighborKey, platform::MacAddr, Hash> learned_;
+  feeds::NeighborInputs inputs_;
+  std::unordered_map<platform::Arp::NeighborKey, platform::MacAddr, platform::Arp::NeighborKeyHash>
+      learned_;
 };
 
 }  // namespace ryx::sim

@@ -23,23 +23,25 @@ NeighborInputs::NeighborInputs(Tree& tree, Changed changed)
 }
 
 void NeighborInputs::onEntity(Entity& entity, Change) {
-  if (const auto* input = entity.as<EntryInput>()) changed_(NeighborKey(input->key()));
+  const auto* input = entity.as<EntryInput>();
+  if (input) return changed_(NeighborKey(input->key()));
+  isSorted_ = false;  // an agent's input came or went; what is in it is told after that
 }
 
-// By the names of their agents.
-std::vector<VrfInput*> NeighborInputs::inputs() const {
+const std::vector<Ref<VrfInput>>& NeighborInputs::inputs() const {
+  if (std::exchange(isSorted_, true)) return inputs_;
   std::map<std::string, VrfInput*> sorted;
   for (CollectionIterator it(tree_.find<Dir>(kInputs)->entry); it; it.next())
     if (auto* input = it.get()->as<ArpInputConfig>())
       if (VrfInput* vrf = input->vrf.find(Name("default")))
         sorted[std::string(input->key().view())] = vrf;
-  std::vector<VrfInput*> all;
-  for (auto& [name, vrf] : sorted) all.push_back(vrf);
-  return all;
+  inputs_.clear();
+  for (auto& [name, vrf] : sorted) inputs_.emplace_back(vrf);
+  return inputs_;
 }
 
 const MacAddr* NeighborInputs::find(const NeighborKey& key) const {
-  for (const VrfInput* vrf : inputs())
+  for (const Ref<VrfInput>& vrf : inputs())
     if (const EntryInput* entry =
             key.addr.af() == Af::ipv4 ? vrf->ipv4.find(key) : vrf->ipv6.find(key))
       return &entry->ethAddr();
@@ -48,7 +50,7 @@ const MacAddr* NeighborInputs::find(const NeighborKey& key) const {
 
 std::vector<NeighborKey> NeighborInputs::keysAt(IntfId intf) const {
   std::vector<NeighborKey> keys;
-  for (VrfInput* vrf : inputs())
+  for (const Ref<VrfInput>& vrf : inputs())
     for (const CollectionBase* entries :
          {static_cast<CollectionBase*>(&vrf->ipv4), static_cast<CollectionBase*>(&vrf->ipv6)})
       for (CollectionIterator it(*entries); it; it.next())

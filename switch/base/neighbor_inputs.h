@@ -27,10 +27,12 @@ class NeighborInputs final : private platform::JournalReactor {
 
  private:
   void onEntity(platform::Entity& entity, platform::Change) override;
-  std::vector<platform::Arp::VrfInput*> inputs() const;
+  const std::vector<platform::Ref<platform::Arp::VrfInput>>& inputs() const;
 
   platform::Tree& tree_;
   const Changed changed_;
+  mutable std::vector<platform::Ref<platform::Arp::VrfInput>> inputs_;  // by their agents' names
+  mutable bool isSorted_ = false;
 };
 
 }  // namespace ryx::feeds

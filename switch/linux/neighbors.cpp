@@ -34,9 +34,8 @@ void Neighbors::deviceIs(int index, IntfId intf) {
   const auto at = interfaces_.find(index);
   if (const IntfId before = at == interfaces_.end() ? IntfId() : at->second; before != intf) {
     std::vector<Place> places;
-    for (auto known = kernel_.lower_bound({index, IpAddr()});
-         known != kernel_.end() && known->first.first == index; ++known)
-      places.push_back(known->first);
+    for (auto& [place, known] : kernel_)
+      if (place.first == index) places.push_back(place);
     if (!before.isEmpty()) {
       for (const Place& place : places) table_.remove({place.second, before});
       devices_.erase(before);

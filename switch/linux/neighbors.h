@@ -17,9 +17,9 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "platform/mirra/table.h"
@@ -79,6 +79,11 @@ class Neighbors {
 
  private:
   using Place = std::pair<int, platform::IpAddr>;
+  struct PlaceHash {
+    size_t operator()(const Place& place) const {
+      return platform::hashMix(place.second.hash(), static_cast<uint64_t>(place.first));
+    }
+  };
   struct Known {
     platform::MacAddr mac;
     bool isPermanent;
@@ -92,7 +97,7 @@ class Neighbors {
     int attempts = 0;
   };
   struct Hearing {
-    std::set<Place> dumped, newer;
+    std::unordered_set<Place, PlaceHash> dumped, newer;
   };
 
   void look(const Place& place);
@@ -105,7 +110,7 @@ class Neighbors {
   Counters counters_;
   std::map<int, platform::IntfId> interfaces_;
   std::map<platform::IntfId, int> devices_;
-  std::map<Place, Known> kernel_;
+  std::unordered_map<Place, Known, PlaceHash> kernel_;
   std::unordered_map<platform::Arp::NeighborKey, Own, platform::Arp::NeighborKeyHash> own_;
   std::optional<Hearing> hearing_;
   feeds::NeighborInputs inputs_;

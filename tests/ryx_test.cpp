@@ -30,6 +30,7 @@ using test::Program;
 
 const std::string kBinary = RYX_BINARY_DIR "/bin/";
 const std::string kAgent = RYX_BINARY_DIR "/examples/intf_watch";
+const std::string kArpWatch = RYX_BINARY_DIR "/examples/arp_watch";
 
 class RyxTest : public testing::Test {
  protected:
@@ -169,6 +170,21 @@ TEST_F(RyxTest, ShowsTheTables) {
   EXPECT_EQ("10.0.0.1", rows[0]["via"][1]["hop"]);
   EXPECT_NE(std::string::npos, ryx({"mirra", "nosuch"}, 1).find("there is no table nosuch"));
   test::whileWaiting = [] {};
+}
+
+// A service that died is started again: whoever reads its tables hears what its next life does not
+// know any more, and of the rest nothing.
+TEST_F(RyxTest, ATableOutlivesItsService) {
+  ryx({"agent", "add", "arp_watch", "--option=pin=10.0.0.9 Ethernet1 00:1c:73:00:00:09"});
+  Program watch({kArpWatch, "--statehubsockname=" + socket_});
+  EXPECT_EQ("10.0.0.9 at Ethernet1 is 00:1c:73:00:00:09, configured", watch.line("10.0.0.9"));
+  ryx({"sim", "neighbor-learn", "10.0.0.1", "Ethernet1", "00:1c:73:00:00:01"});
+  EXPECT_EQ("10.0.0.1 at Ethernet1 is 00:1c:73:00:00:01", watch.next());
+  const json services = jsonOf({"service", "--json"});
+  ::kill(services[0]["pid"].get<pid_t>(), SIGKILL);
+  EXPECT_EQ("10.0.0.1 at Ethernet1 is gone", watch.next());
+  ryx({"sim", "neighbor-learn", "10.0.0.2", "Ethernet1", "00:1c:73:00:00:02"});
+  EXPECT_EQ("10.0.0.2 at Ethernet1 is 00:1c:73:00:00:02", watch.next());
 }
 
 TEST_F(RyxTest, OutlivesItsServer) {

@@ -2,6 +2,7 @@
 // and memory that a broken writer left. Across processes: mirra_process_test.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -533,6 +534,50 @@ TEST(MirraLinkTest, TheTableOutlivesWriterHubAndConnection) {
   put(next, 4, 444);
   settle();
   EXPECT_EQ(444u, mirror.cells[4]);
+}
+
+TEST(MirraLinkTest, AConnectionWithoutDescriptorsSaysSo) {
+  Ends ends(true);
+  Table<Cell> writer(ends.writers(), kName, Mode::write);
+  put(writer, 1, 1);
+  writer.offer();
+  settle();
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(0, ::bind(listener, reinterpret_cast<sockaddr*>(&address), size));
+  ASSERT_EQ(0, ::listen(listener, 1));
+  ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(0, ::connect(fd, reinterpret_cast<sockaddr*>(&address), size));
+  ends.hub->accept(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+  ::close(listener);
+  const auto far = EntityManager::overSocket(fd, "far");
+  const Table<Cell> table(far->tree().tables(), kName, Mode::read);
+  for (int i = 0; i < 1000 && table.fault().empty(); ++i) activity().run(0.001);
+  EXPECT_FALSE(table.exists());
+  EXPECT_EQ(MountStatus::success, table.status());
+  EXPECT_EQ("it is to be had on its own machine alone, over the server's Unix socket",
+            table.fault());
+  EXPECT_TRUE(far->connected());
+}
+
+TEST(MirraLinkTest, SoManyTablesAndNoMore) {
+  Ends ends(true);
+  std::vector<std::unique_ptr<Table<Few>>> tables;
+  const auto attach = [&](size_t count) {
+    while (tables.size() < count)
+      tables.push_back(std::make_unique<Table<Few>>(
+          ends.readers(), "t" + std::to_string(tables.size()), Mode::read));
+    settle();
+  };
+  attach(kMaxTables);
+  EXPECT_TRUE(ends.reader->connected());
+  attach(kMaxTables + 1);
+  EXPECT_FALSE(ends.reader->connected());
+  EXPECT_EQ("it broke the protocol: too many tables", ends.reader->farewell());
 }
 
 // More tables than descriptors fit into a frame, and no descriptor is left behind.

@@ -24,12 +24,6 @@ void sdk::init_aresolve_mgr() {
 aresolve_mgr* sdk::get_aresolve_mgr() {
   return get(aresolve_mgr_, &sdk::init_aresolve_mgr, {});
 }
-void sdk::init_bfd_session_mgr() {
-  unbuilt("bfd_session_mgr");
-}
-bfd_session_mgr* sdk::get_bfd_session_mgr() {
-  return get(bfd_session_mgr_, &sdk::init_bfd_session_mgr, {});
-}
 void sdk::init_class_map_mgr() {
   unbuilt("class_map_mgr");
 }

@@ -5,6 +5,7 @@
 #include <ryx/agent.h>
 #include <ryx/base_handler.h>
 #include <ryx/base_mgr.h>
+#include <ryx/bfd.h>
 #include <ryx/eth.h>
 #include <ryx/eth_intf.h>
 #include <ryx/eth_lag_intf.h>

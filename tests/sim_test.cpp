@@ -26,7 +26,7 @@ using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
 const std::string kCommands =
-    "interface-add, interface-del, oper-status, neighbor-learn, neighbor-age";
+    "interface-add, interface-del, oper-status, neighbor-learn, neighbor-age, bfd-peer";
 
 IntfId id(const std::string& name) {
   IntfId intf;

@@ -5,6 +5,7 @@
 #include "platform/model/acl.h"
 #include "platform/model/agent.h"
 #include "platform/model/arp.h"
+#include "platform/model/bfd.h"
 #include "platform/model/interface.h"
 #include "platform/model/lldp.h"
 #include "platform/model/routing.h"
@@ -58,6 +59,9 @@ const std::vector<WellKnown>& wellKnown() {
       config("interface/config/eth/vxlan", &typeOf<Vxlan::VtiConfigDir>),
       {"interface/status/eth/vxlan", &typeOf<Vxlan::VtiStatusDir>, Access::service},
       {"arp/input/config", &typeOf<Dir>, Access::agentOwn, 1, true},
+      config("bfd/config/app", &typeOf<Dir>),
+      config("bfd/config/intf", &typeOf<Bfd::ConfigIntf>),
+      {"bfd/status/peer", &typeOf<Bfd::StatusPeer>, Access::service},
       {"routing/vrf/input", &typeOf<Dir>, Access::agentOwn, 2, true},
       {"routing6/vrf/input", &typeOf<Dir>, Access::agentOwn, 2, true},
   };
@@ -96,6 +100,7 @@ void registerModel() {
   typeOf<Interface::EthPhyIntfStatusDir>();
   typeOf<Routing::RouteInput>();
   typeOf<Arp::ArpInputConfig>();
+  typeOf<Bfd::AppConfig>();
   typeOf<Acl::Input::Config>();
   typeOf<Lldp::RemoteSystem>();
   TypeInfo::registerChildren();

@@ -23,6 +23,18 @@ bool intfName(Argument* a) {
   return parse(a->text, &a->intf);
 }
 
+bool intfOrNone(Argument* a) {
+  return a->text == "-" || intfName(a);
+}
+
+bool vrfName(Argument* a) {
+  return !a->text.empty() && a->text.size() <= 100;
+}
+
+bool word(Argument* a) {
+  return !a->text.empty();
+}
+
 bool ipAddress(Argument* a) {
   return parse(a->text, &a->ip);
 }
@@ -56,6 +68,9 @@ struct Kind {
 };
 constexpr Kind kKinds[] = {
     {"INTF", intfName, "an interface name, like Ethernet3/1"},
+    {"INTF|-", intfOrNone, "an interface name, or - for none"},
+    {"VRF", vrfName, "the name of a VRF, at most 100 bytes"},
+    {"STATE", word, "a state"},
     {"IP", ipAddress, "an IPv4 or IPv6 address"},
     {"MAC", macAddress, "a MAC address, like 00:1c:73:00:00:01"},
     {"CODE", code, "a number from 0 to 255"},

@@ -54,6 +54,7 @@ const Sim::Command Sim::kCommands[] = {
     {"oper-status", "INTF CODE", &Sim::setOperStatus},
     {"neighbor-learn", "IP INTF MAC", &Sim::learnNeighbor},
     {"neighbor-age", "IP INTF", &Sim::ageNeighbor},
+    {"bfd-peer", "IP VRF INTF|- STATE", &Sim::holdBfdPeer},
 };
 
 namespace {
@@ -64,7 +65,7 @@ std::string unknown(IntfId intf) {
 
 }  // namespace
 
-Sim::Sim(Tree& tree) : tree_(tree), neighbors_(tree) {}
+Sim::Sim(Tree& tree) : tree_(tree), neighbors_(tree), bfd_(tree) {}
 
 Sim::~Sim() = default;
 
@@ -126,6 +127,10 @@ std::string Sim::ageNeighbor(const Arguments& arguments) {
   if (neighbors_.age({arguments[0].ip, arguments[1].intf})) return {};
   return "no neighbour " + arguments[0].text + " was learned at " + arguments[1].text +
          "; expected one that neighbor-learn made";
+}
+
+std::string Sim::holdBfdPeer(const Arguments& arguments) {
+  return bfd_.hold({arguments[0].ip, arguments[1].text, arguments[2].intf}, arguments[3].text);
 }
 
 std::string Sim::setOperStatus(const Arguments& arguments) {

@@ -6,6 +6,7 @@
 //   oper-status INTF CODE               the platform's code of its operational status, 0 to 255
 //   neighbor-learn IP INTF MAC          neighbours (neighbors.h)
 //   neighbor-age IP INTF
+//   bfd-peer IP VRF INTF|- STATE        BFD sessions (bfd.h)
 //
 // A new interface is operationally down (code 2), a loopback interface up (1). One that is set
 // administratively off shows down (2) whatever happens at its port, and when it is on again, what
@@ -21,6 +22,7 @@
 
 #include "platform/qel/dir.h"
 #include "platform/types/intf.h"
+#include "switch/sim/bfd.h"
 #include "switch/sim/command_line.h"
 #include "switch/sim/neighbors.h"
 
@@ -52,10 +54,12 @@ class Sim {
   std::string setOperStatus(const Arguments& arguments);
   std::string learnNeighbor(const Arguments& arguments);
   std::string ageNeighbor(const Arguments& arguments);
+  std::string holdBfdPeer(const Arguments& arguments);
 
   platform::Tree& tree_;
   std::unordered_map<platform::IntfId, std::unique_ptr<Port>> ports_;
   Neighbors neighbors_;
+  Bfd bfd_;
 };
 
 }  // namespace ryx::sim

@@ -18,7 +18,7 @@
 
 namespace ryx {
 
-enum bfd_session_type_t {
+enum bfd_session_type_t : int {
   BFD_SESSION_TYPE_NULL = 0,
   BFD_SESSION_TYPE_NORMAL = 1,        ///< single hop (RFC 5881)
   BFD_SESSION_TYPE_MICRO = 2,         ///< on a member of a link aggregation
@@ -28,7 +28,7 @@ enum bfd_session_type_t {
   BFD_SESSION_TYPE_MULTIHOP = 6,      ///< over several hops (RFC 5883)
 };
 
-enum bfd_session_status_t {
+enum bfd_session_status_t : int {
   BFD_SESSION_STATUS_NULL = 0,  ///< unknown, or there is no session
   BFD_SESSION_STATUS_DOWN = 1,
   BFD_SESSION_STATUS_INIT = 2,

@@ -22,7 +22,7 @@
 
 namespace ryx {
 
-enum neighbor_entry_type_t {
+enum neighbor_entry_type_t : int {
   NEIGHBOR_ENTRY_TYPE_NULL = 0,
   NEIGHBOR_ENTRY_TYPE_DYNAMIC = 1,  ///< learned
   NEIGHBOR_ENTRY_TYPE_STATIC = 2,   ///< configured

@@ -49,6 +49,8 @@ class RYX_API simulated_switch {
   ///
   ///     interface-add INTF [kernel-name]       interface-del INTF
   ///     oper-status INTF CODE                  (1 up, 2 down)
+  ///     neighbor-learn IP INTF MAC             neighbor-age IP INTF
+  ///     bfd-peer IP VRF INTF|- STATE           (down, init, up, admin-down, other; auto)
   ///
   /// Empty lines and what stands behind '#' are nothing. The state changes at once; handlers hear
   /// of it in the loop. Raises a configuration_error that names the first line that is wrong and

@@ -159,17 +159,6 @@ void untilRoutes(EntityManager& em, uint32_t count) {
     return input && input->route.size() == count;
   });
 }
-struct HubProcess {
-  Tree tree;
-  std::unique_ptr<Hub> hub;
-  HubProcess() {
-    makeWellKnown(tree);
-    tree.make<Dir>("routing/vrf/input/default");
-    hub = std::make_unique<Hub>(tree);
-    hub->lingerIs(0.001);  // as ryxd does
-  }
-};
-
 void million(uint32_t count) {
   reset();
   Pair w, r, late;

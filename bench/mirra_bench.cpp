@@ -121,12 +121,6 @@ void inOneProcess(uint32_t count) {
 
 // --- between processes --------------------------------------------------------------------------
 
-struct HubProcess {
-  HubProcess() { makeWellKnown(tree); }
-  Tree tree;
-  Hub hub{tree};
-};
-
 std::unique_ptr<EntityManager> service(int fd, const char* name) {
   return EntityManager::overSocket(fd, Participant(Role::service, name));
 }
@@ -146,8 +140,8 @@ void attach(uint32_t count) {
   Processes all;
   all.add([&] {
     HubProcess h;
-    h.hub.accept(w.a);
-    h.hub.accept(r.a);
+    h.hub->accept(w.a);
+    h.hub->accept(r.a);
     until([] { return board->stop != 0; });
   });
   all.add([&] {
@@ -204,8 +198,8 @@ void latency(uint32_t rounds, bool oneCpu) {
   all.add([&] {
     place(1);
     HubProcess h;
-    h.hub.accept(a.a);
-    h.hub.accept(b.a);
+    h.hub->accept(a.a);
+    h.hub->accept(b.a);
     until([] { return board->stop != 0; });
   });
   all.add([&] {

@@ -10,10 +10,13 @@
 #include <cstddef>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <vector>
 
 #include "bench/measure.h"
 #include "platform/activity/activity.h"
+#include "platform/model/wellknown.h"
+#include "platform/statehub/hub.h"
 
 namespace ryx::bench {
 
@@ -52,6 +55,17 @@ class Processes {
 
  private:
   std::vector<pid_t> pids_;
+};
+
+// What the process in the middle has.
+struct HubProcess {
+  platform::Tree tree;
+  std::unique_ptr<platform::Hub> hub;
+  HubProcess() {
+    platform::makeWellKnown(tree);
+    hub = std::make_unique<platform::Hub>(tree);
+    hub->lingerIs(0.001);  // as ryxd does
+  }
 };
 
 inline void pin(int cpu) {

@@ -154,7 +154,12 @@ class BfdSessionMgrImpl final : public bfd_session_mgr, public mount_handler {
     status_ = em->find<StatusPeer>("bfd/status/peer");
     {
       const platform::WriterScope as(*em);
-      vrf(VrfName("default"));
+      const VrfName defaultVrf("default");
+      if (!app().vrf.find(defaultVrf)) {
+        RYX_TRACE(trace(), 1, "creating RyxSdk Bfd app default vrf path");
+        app().vrf.create(defaultVrf);
+        RYX_TRACE(trace(), 1, "creating RyxSdk Bfd app config for default vrf");
+      }
     }
     sm_ = std::make_unique<BfdSessionMgrSm>(*this, *status_);
   }
@@ -173,15 +178,13 @@ class BfdSessionMgrImpl final : public bfd_session_mgr, public mount_handler {
     RYX_TRACE_ENTRY(trace(), 7, " key=" << key);
     const ApiGuard guard(*this);
     const PeerKey peer = convert(key);
-    vrf(peer.vrf).peer.create({peer, agent_})->isAskedFor.set(true);
+    app().vrf.create(peer.vrf)->peer.create({peer, agent_})->isAskedFor.set(true);
   }
   void session_del(const bfd_session_key_t& key) override {
     RYX_TRACE_ENTRY(trace(), 7, " key=" << key);
     const ApiGuard guard(*this);
     const PeerKey peer = convert(key);
-    const auto* app = apps_->entry.find<AppConfig>(kApplication);
-    AppVrfConfig* config = app ? app->vrf.find(peer.vrf) : nullptr;
-    if (config) config->peer.erase({peer, agent_});
+    if (AppVrfConfig* vrf = app().vrf.find(peer.vrf)) vrf->peer.erase({peer, agent_});
   }
 
   bool exists(const bfd_session_key_t& key) const override {
@@ -257,23 +260,11 @@ class BfdSessionMgrImpl final : public bfd_session_mgr, public mount_handler {
   }
 
  private:
-  // The application's configuration of that VRF, which all agents share.
-  AppVrfConfig& vrf(const VrfName& name) const {
-    auto* app = apps_->entry.find<AppConfig>(kApplication);
-    if (!app) {
-      RYX_TRACE(trace(), 1, "creating RyxSdk Bfd app path");
-      app = apps_->entry.create<AppConfig>(kApplication);
-    }
-    AppVrfConfig* config = app->vrf.find(name);
-    if (!config) {
-      RYX_TRACE(trace(), 1,
-                (name.bytes() == "default" ? "creating RyxSdk Bfd app default vrf path"
-                                           : "creating RyxSdk Bfd app vrf path"));
-      config = app->vrf.create(name);
-      if (name.bytes() == "default")
-        RYX_TRACE(trace(), 1, "creating RyxSdk Bfd app config for default vrf");
-    }
-    return *config;
+  // The application that all agents share.
+  AppConfig& app() const {
+    if (auto* there = apps_->entry.find<AppConfig>(kApplication)) return *there;
+    RYX_TRACE(trace(), 1, "creating RyxSdk Bfd app path");
+    return *apps_->entry.create<AppConfig>(kApplication);
   }
   const PeerStatus* find(const bfd_session_key_t& key) const {
     return status_->peer.find(convert(key));

@@ -23,23 +23,14 @@
 #include "platform/statehub/wire.h"
 #include "tests/support/mirror.h"
 #include "tests/support/random_runs.h"
+#include "tests/support/statehub_fixture.h"
 
 namespace ryx::platform {
 namespace {
 
 using Interface::EthLagIntfConfigDir;
 using Interface::EthLagIntfStatusDir;
-
-// Runs until nothing moves any more, on either side of any socket.
-void settle() {
-  for (int quiet = 0; quiet < 3;) {
-    uint64_t before = activity().counters().descriptorEvents + activity().counters().tasks;
-    activity().run(0);
-    quiet = activity().counters().descriptorEvents + activity().counters().tasks == before
-                ? quiet + 1
-                : 0;
-  }
-}
+using ryx::testing::settle;
 
 struct Peer {
   std::unique_ptr<EntityManager> em;

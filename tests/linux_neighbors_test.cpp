@@ -86,11 +86,12 @@ class ModelKernel final : public NeighborWriter {
   std::map<Place, Neighbor> has;
   Neighbors* neighbors = nullptr;
   bool refuses = false;
+  bool forgets = false;  // says yes and does nothing
 
   void set(const Neighbor& n, Done done) override {
     told_.push_back([this, n, done] {
       if (refuses) return say([done] { done(EINVAL, "no"); });
-      is(n);
+      if (!forgets) is(n);
       say([done] { done(0, ""); });
     });
   }
@@ -240,6 +241,20 @@ TEST(LinuxNeighbors, WhatIsNobodysGoesAndWhatIsOthersStays) {
   neighbors.deviceIs(1, id("Ethernet1"));
   rest();
   EXPECT_EQ(2u, kernel.has.size());
+  // Nor what it takes and does not have, but so often.
+  const NeighborKey third = {address("10.0.0.3"), id("Ethernet1")};
+  const auto before = neighbors.counters();
+  kernel.forgets = true;
+  sw.configure("a", third, &one);
+  rest();
+  EXPECT_EQ(before.writes + Neighbors::kMaxAttempts, neighbors.counters().writes);
+  EXPECT_EQ(before.refused + 1, neighbors.counters().refused);
+  kernel.forgets = false;
+  neighbors.deviceIs(1, id("Ethernet1"));
+  rest();
+  EXPECT_EQ(3u, kernel.has.size());
+  sw.configure("a", third, nullptr);
+  rest();
   // A notification that was lost: the dump tells.
   kernel.has.clear();
   neighbors.dumpBegins();

@@ -57,6 +57,11 @@ uint64_t wordsOf(uint64_t bytes) {
   return (bytes + 7) / 8;
 }
 
+// The power of two of the words that a block for so many has.
+unsigned blockBits(uint64_t words) {
+  return std::max(static_cast<unsigned>(std::bit_width(words - 1)), kFirstBlockBits);
+}
+
 void put(Word& w, uint64_t value) {
   w.store(value, std::memory_order_release);
 }
@@ -333,28 +338,22 @@ uint32_t RowWriter::find(const void* key, uint64_t hash, uint64_t* slot) {
 RowWriter::Result RowWriter::write(const void* row, const void* list, size_t count) {
   const RowType& type = memory_->type();
   const uint64_t hash = type.hash(row, get(head_[kSeedAt])) >> 32;
-  uint64_t slot = 0, place = 0;
+  uint64_t slot = 0;
   uint32_t number = find(row, hash, &slot);
-  if (number != kNone && isSame(number, row, list, count)) {
-    ++unchanged_;
-    return Result::unchanged;
-  }
-  const uint64_t words = count * wordsOf(type.elementBytes);
-  if (count > kMaxElements || (words != 0 && !allocate(words, &place))) return refuses();
+  if (number != kNone && isSame(number, row, list, count)) return Result::unchanged;
+  Block block = {.words = count * wordsOf(type.elementBytes)};
+  if (count > kMaxElements || !allocate(&block)) return refuses();
   const bool isNew = number == kNone;
   if (isNew && (number = newRow()) == kNone) {
-    release(place, words);
+    release(block);
     return refuses();
   }
-  putAll(head_ + places_.lists + place, list, words);
+  putAll(head_ + places_.lists + block.place, list, block.words);
   logs(version_ + 1, number);
   if (isNew) enter(hash, number);
-  const Word* old = head_ + places_.rows + number * places_.stride + kBytes + wordsOf(type.bytes);
-  const bool hadList = !isNew && type.elementBytes != 0;
-  const uint64_t oldWords = hadList ? get(old[0]) * wordsOf(type.elementBytes) : 0;
-  const uint64_t oldPlace = hadList ? get(old[1]) : 0;
-  store(number, (version_ + 1) << 1 | kLives, row, count, place);
-  release(oldPlace, oldWords);
+  const Block old = blockOf(number);  // of a row that does not live: none
+  store(number, (version_ + 1) << 1 | kLives, row, count, block.place);
+  release(old);
   if (isNew) put(head_[kLiveAt], ++live_);
   published(version_ + 1);
   return Result::written;
@@ -366,13 +365,11 @@ bool RowWriter::remove(const void* key) {
   uint64_t slot = 0;
   const uint32_t number = find(key, hash, &slot);
   if (number == kNone) return false;
-  const Word* list = head_ + places_.rows + number * places_.stride + kBytes + wordsOf(type.bytes);
-  const uint64_t words = type.elementBytes != 0 ? get(list[0]) * wordsOf(type.elementBytes) : 0;
-  const uint64_t place = words != 0 ? get(list[1]) : 0;
+  const Block block = blockOf(number);
   logs(version_ + 1, number);
   store(number, (version_ + 1) << 1, nullptr, 0, 0);
   leave(slot);
-  release(place, words);
+  release(block);
   freeRows_.push_back(number);
   put(head_[kLiveAt], --live_);
   published(version_ + 1);
@@ -481,24 +478,32 @@ void RowWriter::growIndex() {
   put(head_[kIndexAt], next.word());
 }
 
-bool RowWriter::allocate(uint64_t words, uint64_t* place) {
-  const unsigned bits = std::max(static_cast<unsigned>(std::bit_width(words - 1)), kFirstBlockBits);
+RowWriter::Block RowWriter::blockOf(uint32_t number) const {
+  const RowType& type = memory_->type();
+  if (type.elementBytes == 0) return {};
+  const Word* list = head_ + places_.rows + number * places_.stride + kBytes + wordsOf(type.bytes);
+  return {get(list[1]), get(list[0]) * wordsOf(type.elementBytes)};
+}
+
+bool RowWriter::allocate(Block* block) {
+  if (block->words == 0) return true;
+  const unsigned bits = blockBits(block->words);
   if (bits < freeBlocks_.size() && !freeBlocks_[bits].empty()) {
-    *place = freeBlocks_[bits].back();
+    block->place = freeBlocks_[bits].back();
     freeBlocks_[bits].pop_back();
     return true;
   }
   if (blocks_ + (uint64_t{1} << bits) > wordsOf(memory_->type().listBytes)) return false;
-  *place = blocks_;
+  block->place = blocks_;
   blocks_ += uint64_t{1} << bits;
   return true;
 }
 
-void RowWriter::release(uint64_t place, uint64_t words) {
-  if (words == 0) return;
-  const unsigned bits = std::max(static_cast<unsigned>(std::bit_width(words - 1)), kFirstBlockBits);
+void RowWriter::release(const Block& block) {
+  if (block.words == 0) return;
+  const unsigned bits = blockBits(block.words);
   if (freeBlocks_.size() <= bits) freeBlocks_.resize(bits + 1);
-  freeBlocks_[bits].push_back(place);
+  freeBlocks_[bits].push_back(block.place);
 }
 
 }  // namespace ryx::platform::mirra

@@ -147,7 +147,6 @@ class RYX_PRIVATE RowWriter {
 
   Result write(const void* row, const void* list, size_t count);
   bool remove(const void* key);
-  uint64_t unchanged() const { return unchanged_; }  // writes of what was there already
 
  private:
   static constexpr uint32_t kNone = ~0u;
@@ -158,8 +157,14 @@ class RYX_PRIVATE RowWriter {
   void enter(uint64_t hash, uint32_t number);
   void leave(uint64_t slot);
   void growIndex();
-  bool allocate(uint64_t words, uint64_t* place);
-  void release(uint64_t place, uint64_t words);
+  // Where a list stands, and its length.
+  struct Block {
+    uint64_t place = 0;
+    uint64_t words = 0;
+  };
+  Block blockOf(uint32_t number) const;
+  bool allocate(Block* block);
+  void release(const Block& block);
   void store(uint32_t number, uint64_t version, const void* row, uint64_t count, uint64_t place);
   bool isSame(uint32_t number, const void* row, const void* list, size_t count);
   void logs(uint64_t version, uint32_t number);
@@ -180,7 +185,6 @@ class RYX_PRIVATE RowWriter {
   uint64_t blocks_ = 0;                            // words of the lists' part in use, ever
   std::vector<std::byte> image_;
   List list_;
-  uint64_t unchanged_ = 0;
 };
 
 }  // namespace ryx::platform::mirra

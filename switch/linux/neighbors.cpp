@@ -23,10 +23,7 @@ TraceFacility& facility() {
 Neighbors::Neighbors(Tree& tree, NeighborWriter& writer)
     : writer_(writer),
       table_(tree.tables(), Arp::kStatusTable, mirra::Mode::write),
-      inputs_(tree, [this](const NeighborKey& key) {
-        if (auto own = own_.find(key); own != own_.end()) own->second.isRefused = false;
-        reconcile(key);
-      }) {}
+      inputs_(tree, [this](const NeighborKey& key) { tryAgain(key); }) {}
 
 // --- what the kernel says -----------------------------------------------------------------------
 
@@ -48,15 +45,16 @@ void Neighbors::deviceIs(int index, IntfId intf) {
     }
   }
   if (intf.isEmpty()) return;
-  for (const NeighborKey& key : inputs_.keysAt(intf)) {
-    if (auto own = own_.find(key); own != own_.end()) own->second.isRefused = false;
-    reconcile(key);
-  }
+  for (const NeighborKey& key : inputs_.keysAt(intf)) tryAgain(key);
 }
 
 void Neighbors::changed(const Neighbor& neighbor) {
   const Place place(neighbor.index, neighbor.addr);
   if (hearing_) hearing_->newer.insert(place);
+  take(place, neighbor);
+}
+
+void Neighbors::take(const Place& place, const Neighbor& neighbor) {
   kernel_[place] = {neighbor.mac, neighbor.isPermanent};
   look(place);
 }
@@ -75,8 +73,7 @@ void Neighbors::dumped(const Neighbor& neighbor) {
   const Place place(neighbor.index, neighbor.addr);
   if (!hearing_ || hearing_->newer.count(place)) return;
   hearing_->dumped.insert(place);
-  kernel_[place] = {neighbor.mac, neighbor.isPermanent};
-  look(place);
+  take(place, neighbor);
 }
 
 void Neighbors::dumpEnds() {
@@ -103,6 +100,15 @@ void Neighbors::look(const Place& place) {
 }
 
 // --- what the kernel shall do -------------------------------------------------------------------
+
+// Something changed by which what the kernel refused may pass now.
+void Neighbors::tryAgain(const NeighborKey& key) {
+  if (auto own = own_.find(key); own != own_.end()) {
+    own->second.isRefused = false;
+    own->second.attempts = 0;
+  }
+  reconcile(key);
+}
 
 void Neighbors::reconcile(const NeighborKey& key) {
   const MacAddr* wanted = inputs_.find(key);
@@ -143,6 +149,7 @@ void Neighbors::write(const NeighborKey& key, Own& own, const MacAddr& mac) {
   if (own.isRefused) return;
   if (own.attempts++ == kMaxAttempts) {
     own.isRefused = true;
+    ++counters_.refused;
     RYX_TRACE(facility(), 0,
               "the kernel takes the neighbour " << key.addr.toString() << " at "
                                                 << key.intf.toString() << " and has it not");

@@ -6,8 +6,9 @@
 // An entry that has a link-layer address and is neither failed nor incomplete is in the table: a
 // permanent one as configured, every other as learned. What is configured is put into the kernel
 // when its device is there, and put back when somebody takes it away or changes it; it goes when no
-// agent configures it any more. Permanent entries of others are left alone. What the kernel refuses
-// is told in a trace, and tried again when the device or the configuration changes.
+// agent configures it any more. Permanent entries of others are left alone, but for one that is as
+// an agent configures it: that counts as the agent's. What the kernel refuses is told in a trace,
+// and tried again when the device or the configuration changes.
 //
 // Called under the activity lock. Tree and writer outlive it.
 #pragma once
@@ -54,7 +55,7 @@ class Neighbors {
 
   struct Counters {
     uint64_t writes = 0;   // to the kernel
-    uint64_t refused = 0;  // that it refused
+    uint64_t refused = 0;  // that it refused, or took and has not
     uint64_t putBack = 0;  // of them, of what the kernel had before and somebody changed
   };
 
@@ -100,7 +101,9 @@ class Neighbors {
     std::unordered_set<Place, PlaceHash> dumped, newer;
   };
 
+  void take(const Place& place, const Neighbor& neighbor);
   void look(const Place& place);
+  void tryAgain(const platform::Arp::NeighborKey& key);
   void reconcile(const platform::Arp::NeighborKey& key);
   void write(const platform::Arp::NeighborKey& key, Own& own, const platform::MacAddr& mac);
   void answered(const platform::Arp::NeighborKey& key, int error, std::string_view words);

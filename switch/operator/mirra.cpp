@@ -1,6 +1,5 @@
 // Commands that look at the Mirra tables.
 #include <algorithm>
-#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -51,48 +50,41 @@ void forEachRow(const mirra::RowReader& reader, F&& each) {
   }
 }
 
-// A row's members by name, those of structures in it as its own.
-std::vector<std::pair<std::string, std::string>> cells(const std::string& text) {
-  std::vector<std::pair<std::string, std::string>> all;
+// A row's members, those of structures in it as its own: their names and their values.
+struct Members {
+  std::vector<std::string> names, values;
+};
+Members membersOf(const std::string& text) {
+  Members all;
   const auto add = [&](auto& self, const ordered_json& of) -> void {
-    for (auto& [name, value] : of.items())
-      if (value.is_object())
+    for (auto& [name, value] : of.items()) {
+      if (value.is_object()) {
         self(self, value);
-      else
-        all.emplace_back(name,
-                         value.is_string() ? value.template get<std::string>() : value.dump());
+        continue;
+      }
+      all.names.push_back(name);
+      all.values.push_back(value.is_string() ? value.template get<std::string>() : value.dump());
+    }
   };
   add(add, ordered_json::parse(text));
   return all;
 }
 
-// As wide as all rows need it, without keeping them.
+// As wide as all rows need it, without keeping them: there may be millions.
 void printRows(const mirra::RowReader& reader, const Output& to) {
-  std::vector<std::pair<std::string, size_t>> columns;
+  Columns columns;
+  std::vector<std::string> titles;
   forEachRow(reader, [&](const std::string& text) {
-    const auto row = cells(text);
-    columns.resize(row.size());
-    for (size_t i = 0; i < row.size(); ++i) {
-      columns[i].first = row[i].first;
-      columns[i].second =
-          std::max({columns[i].second, columnsOf(row[i].first), columnsOf(row[i].second)});
-    }
+    Members row = membersOf(text);
+    columns.measure(row.values);
+    if (titles.empty()) titles = std::move(row.names);
   });
-  const auto print = [&](auto&& textOf) {
-    for (size_t i = 0; i < columns.size(); ++i) {
-      const std::string text = textOf(i);
-      to.out << text;
-      if (i + 1 != columns.size())
-        to.out << std::string(std::max(columns[i].second, columnsOf(text)) - columnsOf(text) + 2,
-                              ' ');
-    }
-    to.out << "\n";
-  };
-  if (!columns.empty()) print([&](size_t i) { return columns[i].first; });
-  forEachRow(reader, [&](const std::string& text) {
-    const auto row = cells(text);
-    print([&](size_t i) { return row[i].second; });
-  });
+  if (titles.empty()) return;
+  columns.measure(titles);
+  columns.fit(to.width);
+  columns.print(to.out, titles);
+  forEachRow(reader,
+             [&](const std::string& text) { columns.print(to.out, membersOf(text).values); });
 }
 
 void listTables(Session& session, const Output& to) {

@@ -38,27 +38,37 @@ size_t terminalWidth() {
   return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
-void Table::print(std::ostream& out, size_t width) const {
-  std::vector<size_t> widths(rows_[0].size());
-  for (const auto& row : rows_)
-    for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], columnsOf(row[i]));
+void Columns::measure(const std::vector<std::string>& row) {
+  widths_.resize(std::max(widths_.size(), row.size()));
+  for (size_t i = 0; i < row.size(); ++i) widths_[i] = std::max(widths_[i], columnsOf(row[i]));
+}
+
+void Columns::fit(size_t width) {
   const auto total = [&] {
-    return std::accumulate(widths.begin(), widths.end(), 2 * (widths.size() - 1));
+    return std::accumulate(widths_.begin(), widths_.end(), 2 * (widths_.size() - 1));
   };
   while (width != 0 && total() > width) {
-    auto longest = std::max_element(widths.begin(), widths.end());
+    auto longest = std::max_element(widths_.begin(), widths_.end());
     if (*longest <= kNarrowest) break;
     --*longest;
   }
-  for (const auto& row : rows_) {
-    std::string line;
-    for (size_t i = 0; i < row.size(); ++i) {
-      const std::string text = cut(row[i], widths[i]);
-      line += text;
-      if (i + 1 < row.size()) line.append(widths[i] + 2 - columnsOf(text), ' ');
-    }
-    out << line.substr(0, line.find_last_not_of(' ') + 1) << "\n";
+}
+
+void Columns::print(std::ostream& out, const std::vector<std::string>& row) const {
+  std::string line;
+  for (size_t i = 0; i < row.size(); ++i) {
+    const std::string text = cut(row[i], widths_[i]);
+    line += text;
+    if (i + 1 < row.size()) line.append(widths_[i] + 2 - columnsOf(text), ' ');
   }
+  out << line.substr(0, line.find_last_not_of(' ') + 1) << "\n";
+}
+
+void Table::print(std::ostream& out, size_t width) const {
+  Columns columns;
+  for (const auto& row : rows_) columns.measure(row);
+  columns.fit(width);
+  for (const auto& row : rows_) columns.print(out, row);
 }
 
 }  // namespace ryx::operators

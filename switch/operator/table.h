@@ -7,6 +7,18 @@
 
 namespace ryx::operators {
 
+// The same for rows that are gone through twice and not kept: all are measured, then printed.
+class Columns {
+ public:
+  void measure(const std::vector<std::string>& row);
+  // Cuts the longest columns until lines of `width` hold them; 0: nothing is cut.
+  void fit(size_t width);
+  void print(std::ostream& out, const std::vector<std::string>& row) const;
+
+ private:
+  std::vector<size_t> widths_;
+};
+
 class Table {
  public:
   explicit Table(std::vector<std::string> titles) : rows_{std::move(titles)} {}

@@ -17,6 +17,7 @@
 #include <ryx/intf.h>
 #include <ryx/intf_mgr_helper.h>
 #include <ryx/ip.h>
+#include <ryx/ip_intf.h>
 #include <ryx/iter_base.h>
 #include <ryx/mount.h>
 #include <ryx/neighbor_table.h>

@@ -7,6 +7,7 @@
 #include "platform/model/arp.h"
 #include "platform/model/bfd.h"
 #include "platform/model/interface.h"
+#include "platform/model/ip.h"
 #include "platform/model/lldp.h"
 #include "platform/model/routing.h"
 #include "platform/model/sim.h"
@@ -58,6 +59,15 @@ const std::vector<WellKnown>& wellKnown() {
       {"interface/status/eth/vlan", &typeOf<Interface::VlanIntfStatusDir>, Access::service},
       config("interface/config/eth/vxlan", &typeOf<Vxlan::VtiConfigDir>),
       {"interface/status/eth/vxlan", &typeOf<Vxlan::VtiStatusDir>, Access::service},
+      config("ip/config", &typeOf<Ip::Config>),
+      {"ip/status", &typeOf<Ip::Status>, Access::service},
+      config("ip6/config", &typeOf<Ip6::Config>),
+      {"ip6/status", &typeOf<Ip6::Status>, Access::service},
+      {.path = "ip/vrf/config",
+       .type = &typeOf<Ip::VrfConfig>,
+       .access = Access::operators,
+       .persists = Persists::values},
+      {"vlan/internal", &typeOf<IntfVlanId::Table>, Access::service},
       {"arp/input/config", &typeOf<Dir>, Access::agentOwn, 1, true},
       config("bfd/config/app", &typeOf<Dir>),
       config("bfd/config/intf", &typeOf<Bfd::ConfigIntf>),

@@ -53,6 +53,10 @@ bool code(Argument* a) {
   return number(a, 255);
 }
 
+bool vlanOrNone(Argument* a) {
+  return number(a, platform::VlanId::kMax);
+}
+
 // What the kernel takes for a device: at most 15 bytes, no slash, no blank, not "." or "..".
 bool deviceName(Argument* a) {
   const std::string& t = a->text;
@@ -73,6 +77,7 @@ constexpr Kind kKinds[] = {
     {"STATE", word, "a state"},
     {"IP", ipAddress, "an IPv4 or IPv6 address"},
     {"MAC", macAddress, "a MAC address, like 00:1c:73:00:00:01"},
+    {"VLAN", vlanOrNone, "a VLAN from 1 to 4094, or 0 for none"},
     {"CODE", code, "a number from 0 to 255"},
     {"kernel-name", deviceName, "a network device's name, at most 15 bytes"},
 };

@@ -52,6 +52,7 @@ const Sim::Command Sim::kCommands[] = {
     {"interface-add", "INTF [kernel-name]", &Sim::addInterface},
     {"interface-del", "INTF", &Sim::deleteInterface},
     {"oper-status", "INTF CODE", &Sim::setOperStatus},
+    {"internal-vlan", "INTF VLAN", &Sim::setInternalVlan},
     {"neighbor-learn", "IP INTF MAC", &Sim::learnNeighbor},
     {"neighbor-age", "IP INTF", &Sim::ageNeighbor},
     {"bfd-peer", "IP VRF INTF|- STATE", &Sim::holdBfdPeer},
@@ -65,7 +66,7 @@ std::string unknown(IntfId intf) {
 
 }  // namespace
 
-Sim::Sim(Tree& tree) : tree_(tree), neighbors_(tree), bfd_(tree) {}
+Sim::Sim(Tree& tree) : tree_(tree), addresses_(tree), neighbors_(tree), bfd_(tree) {}
 
 Sim::~Sim() = default;
 
@@ -100,6 +101,7 @@ std::string Sim::addInterface(const Arguments& arguments) {
   made.status->deviceName.set(device);
   auto code = static_cast<uint8_t>(intf.isLoopback() ? OperStatus::up : OperStatus::down);
   ports_.emplace(intf, std::make_unique<Port>(*made.config, *made.status, code));
+  addresses_.interfaceChanged(intf);
   neighbors_.interfaceIs(intf, true);
   return {};
 }
@@ -108,12 +110,21 @@ std::string Sim::deleteInterface(const Arguments& arguments) {
   IntfId intf = arguments[0].intf;
   if (ports_.erase(intf) == 0) return unknown(intf);
   feeds::eraseIntf(tree_, intf);
+  addresses_.interfaceChanged(intf);
   neighbors_.interfaceIs(intf, false);
   return {};
 }
 
 void Sim::takeOver() {
   feeds::eraseIntfsBut(tree_, [this](IntfId intf) { return ports_.count(intf) != 0; });
+  addresses_.takeOver();
+}
+
+std::string Sim::setInternalVlan(const Arguments& arguments) {
+  const IntfId intf = arguments[0].intf;
+  if (!ports_.count(intf)) return unknown(intf);
+  addresses_.internalVlanIs(intf, arguments[1].number);
+  return {};
 }
 
 std::string Sim::learnNeighbor(const Arguments& arguments) {

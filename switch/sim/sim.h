@@ -4,6 +4,7 @@
 //   interface-add INTF [kernel-name]    an interface, and the name of its kernel device
 //   interface-del INTF
 //   oper-status INTF CODE               the platform's code of its operational status, 0 to 255
+//   internal-vlan INTF VLAN             addresses (addresses.h)
 //   neighbor-learn IP INTF MAC          neighbours (neighbors.h)
 //   neighbor-age IP INTF
 //   bfd-peer IP VRF INTF|- STATE        BFD sessions (bfd.h)
@@ -22,6 +23,7 @@
 
 #include "platform/qel/dir.h"
 #include "platform/types/intf.h"
+#include "switch/sim/addresses.h"
 #include "switch/sim/bfd.h"
 #include "switch/sim/command_line.h"
 #include "switch/sim/neighbors.h"
@@ -52,12 +54,14 @@ class Sim {
   std::string addInterface(const Arguments& arguments);
   std::string deleteInterface(const Arguments& arguments);
   std::string setOperStatus(const Arguments& arguments);
+  std::string setInternalVlan(const Arguments& arguments);
   std::string learnNeighbor(const Arguments& arguments);
   std::string ageNeighbor(const Arguments& arguments);
   std::string holdBfdPeer(const Arguments& arguments);
 
   platform::Tree& tree_;
   std::unordered_map<platform::IntfId, std::unique_ptr<Port>> ports_;
+  Addresses addresses_;
   Neighbors neighbors_;
   Bfd bfd_;
 };

@@ -88,14 +88,14 @@ class ModelKernel final : public NeighborWriter {
   bool refuses = false;
   bool forgets = false;  // says yes and does nothing
 
-  void set(const Neighbor& n, Done done) override {
+  void set(const Neighbor& n, Answer done) override {
     told_.push_back([this, n, done] {
       if (refuses) return say([done] { done(EINVAL, "no"); });
       if (!forgets) is(n);
       say([done] { done(0, ""); });
     });
   }
-  void remove(const Neighbor& n, Done done) override {
+  void remove(const Neighbor& n, Answer done) override {
     told_.push_back([this, n, done] {
       const bool was = isNot(n.index, n.addr);
       say([done, was] { done(was ? 0 : ENOENT, ""); });

@@ -84,11 +84,11 @@ std::unique_ptr<KernelNeighbors> KernelNeighbors::start(platform::Tree& tree, Li
 
 std::unique_ptr<KernelNeighbors> KernelNeighbors::start(platform::Tree& tree, Links& links,
                                                         int receiveBuffer, std::string* error) {
-  auto made = std::make_unique<KernelNeighbors>(tree, links);
+  auto made = std::make_unique<KernelNeighbors>(tree);
   const NetlinkSocket::Options options{NETLINK_ROUTE, {RTNLGRP_NEIGH}, receiveBuffer};
   made->socket_ = NetlinkSocket::open(options, dumpNeighbors(), *made, error);
   if (!made->socket_) return nullptr;
-  links.onDeviceIs(
+  made->devices_ = links.onDeviceIs(
       [&n = made->neighbors_](int index, platform::IntfId intf) { n.deviceIs(index, intf); });
   made->socket_->resync();
   if (!made->socket_->waitForDump(kStartPatience)) {
@@ -99,12 +99,9 @@ std::unique_ptr<KernelNeighbors> KernelNeighbors::start(platform::Tree& tree, Li
   return made;
 }
 
-KernelNeighbors::KernelNeighbors(platform::Tree& tree, Links& links)
-    : links_(links), neighbors_(tree, *this) {}
+KernelNeighbors::KernelNeighbors(platform::Tree& tree) : neighbors_(tree, *this) {}
 
-KernelNeighbors::~KernelNeighbors() {
-  links_.onDeviceIs(nullptr);
-}
+KernelNeighbors::~KernelNeighbors() = default;
 
 void KernelNeighbors::onNotification(const nlmsghdr& message) {
   const auto event = parseNeighbor(message);

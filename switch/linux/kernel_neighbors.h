@@ -38,7 +38,7 @@ class KernelNeighbors final : private NetlinkSocket::Client, private NeighborWri
                                                 std::string* error);
   static std::unique_ptr<KernelNeighbors> start(platform::Tree& tree, Links& links,
                                                 int receiveBuffer, std::string* error);
-  KernelNeighbors(platform::Tree& tree, Links& links);
+  explicit KernelNeighbors(platform::Tree& tree);
   ~KernelNeighbors();
 
   const Neighbors& neighbors() const { return neighbors_; }
@@ -50,15 +50,15 @@ class KernelNeighbors final : private NetlinkSocket::Client, private NeighborWri
   void onDumpMessage(const nlmsghdr& message) override;
   void onDumpEnd() override { neighbors_.dumpEnds(); }
 
-  void set(const Neighbor& neighbor, NeighborWriter::Done done) override {
+  void set(const Neighbor& neighbor, Answer done) override {
     socket_->request(setNeighbor(neighbor), std::move(done));
   }
-  void remove(const Neighbor& neighbor, NeighborWriter::Done done) override {
+  void remove(const Neighbor& neighbor, Answer done) override {
     socket_->request(removeNeighbor(neighbor), std::move(done));
   }
 
-  Links& links_;
   Neighbors neighbors_;
+  std::shared_ptr<void> devices_;  // that it is told of
   std::unique_ptr<NetlinkSocket> socket_;
 };
 

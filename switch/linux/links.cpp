@@ -156,45 +156,32 @@ class Links::Port final : public EntityReactor, public std::enable_shared_from_t
 
 // --- devices ------------------------------------------------------------------------------------
 
-// The indexes that a dump told, and those that were told meanwhile, which it no longer tells.
-struct Links::Hearing {
-  std::set<int> dumped;
-  std::set<int> newer;
-};
-
 Links::Links(Tree& tree, const IntfMap& map, LinkWriter& writer)
     : tree_(tree), map_(map), writer_(writer) {}
 
 Links::~Links() = default;
 
 void Links::changed(const Link& link) {
-  if (hearing_) hearing_->newer.insert(link.index);
+  hearing_.told(link.index);
   take(link);
 }
 
 void Links::gone(int index) {
-  if (hearing_) hearing_->newer.insert(index);
+  hearing_.told(index);
   if (auto at = devices_.find(index); at != devices_.end()) forget(at);
 }
 
 void Links::dumpBegins() {
-  hearing_ = std::make_unique<Hearing>();
+  hearing_.begin();
 }
 
 void Links::dumped(const Link& link) {
-  if (!hearing_ || hearing_->newer.count(link.index)) return;
-  hearing_->dumped.insert(link.index);
-  take(link);
+  if (hearing_.dumped(link.index)) take(link);
 }
 
 void Links::dumpEnds() {
-  if (!hearing_) return;
-  std::unique_ptr<Hearing> heard = std::move(hearing_);
-  for (auto at = devices_.begin(); at != devices_.end();) {
-    auto next = std::next(at);
-    if (!heard->dumped.count(at->first) && !heard->newer.count(at->first)) forget(at);
-    at = next;
-  }
+  if (!hearing_.isOn()) return;
+  for (const int index : hearing_.end(devices_)) forget(devices_.find(index));
   for (const auto& [intf, index] : waiting_) tellConflict(devices_.at(index));
 }
 
@@ -202,9 +189,14 @@ void Links::takeOver() {
   feeds::eraseIntfsBut(tree_, [this](IntfId intf) { return owners_.count(intf) != 0; });
 }
 
-void Links::onDeviceIs(DeviceIs is) {
-  deviceIs_ = std::move(is);
-  for (const auto& [intf, index] : owners_) tellDevice(index, intf);
+std::shared_ptr<void> Links::onDeviceIs(DeviceIs is) {
+  for (const auto& [intf, index] : owners_) is(index, intf);
+  std::shared_ptr<DeviceIs> told(new DeviceIs(std::move(is)), [this](DeviceIs* gone) {
+    std::erase(toldOfDevices_, gone);
+    delete gone;
+  });
+  toldOfDevices_.push_back(told.get());
+  return told;
 }
 
 bool Links::someAreDown() const {
@@ -264,7 +256,7 @@ void Links::release(Device& device) {
 // seen at its end.
 void Links::wait(Device& device) {
   waiting_.insert({device.intf, device.link.index});
-  if (!hearing_) tellConflict(device);
+  if (!hearing_.isOn()) tellConflict(device);
 }
 
 void Links::tellConflict(Device& device) {

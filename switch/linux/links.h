@@ -31,9 +31,12 @@
 #include <string_view>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "platform/qel/dir.h"
 #include "platform/types/intf.h"
+#include "switch/linux/answer.h"
+#include "switch/linux/hearing.h"
 #include "switch/linux/intf_map.h"
 #include "switch/linux/link_message.h"
 
@@ -43,7 +46,7 @@ namespace ryx::kernel {
 // kernel's own words.
 class LinkWriter {
  public:
-  using Done = std::function<void(int error, std::string_view words)>;
+  using Done = Answer;
   virtual void upIs(const std::string& device, bool up, Done done) = 0;
   virtual void aliasIs(const std::string& device, const std::string& alias, Done done) = 0;
 
@@ -85,7 +88,8 @@ class Links {
   // `is` is called for each device that is an interface, now and when one comes, goes (it is the
   // empty one then), or goes administratively up or down.
   using DeviceIs = std::function<void(int index, platform::IntfId intf)>;
-  void onDeviceIs(DeviceIs is);
+  // Until what it returns is destroyed.
+  [[nodiscard]] std::shared_ptr<void> onDeviceIs(DeviceIs is);
 
   size_t interfaces() const { return owners_.size(); }
   // The device of some interface is administratively down.
@@ -100,8 +104,6 @@ class Links {
     std::shared_ptr<Port> port;  // when it is that interface
     bool told = false;           // that another one is that interface
   };
-  struct Hearing;
-
   void take(const Link& link);
   void forget(std::map<int, Device>::iterator at);
   void claim(Device& device);
@@ -109,7 +111,7 @@ class Links {
   void wait(Device& device);
   void tellConflict(Device& device);
   void tellDevice(int index, platform::IntfId intf) const {
-    if (deviceIs_) deviceIs_(index, intf);
+    for (const auto& told : toldOfDevices_) (*told)(index, intf);
   }
 
   platform::Tree& tree_;
@@ -119,8 +121,8 @@ class Links {
   std::map<int, Device> devices_;
   std::unordered_map<platform::IntfId, int> owners_;
   std::set<std::pair<platform::IntfId, int>> waiting_;  // devices whose interface another one is
-  std::unique_ptr<Hearing> hearing_;                    // during a dump
-  DeviceIs deviceIs_;
+  Hearing<int> hearing_;
+  std::vector<DeviceIs*> toldOfDevices_;
 };
 
 }  // namespace ryx::kernel

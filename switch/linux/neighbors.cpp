@@ -1,6 +1,5 @@
 #include "switch/linux/neighbors.h"
 
-#include <cstring>
 #include <vector>
 
 #include "platform/trace/trace.h"
@@ -50,7 +49,7 @@ void Neighbors::deviceIs(int index, IntfId intf) {
 
 void Neighbors::changed(const Neighbor& neighbor) {
   const Place place(neighbor.index, neighbor.addr);
-  if (hearing_) hearing_->newer.insert(place);
+  hearing_.told(place);
   take(place, neighbor);
 }
 
@@ -61,29 +60,17 @@ void Neighbors::take(const Place& place, const Neighbor& neighbor) {
 
 void Neighbors::gone(int index, const IpAddr& addr) {
   const Place place(index, addr);
-  if (hearing_) hearing_->newer.insert(place);
+  hearing_.told(place);
   if (kernel_.erase(place) != 0) look(place);
-}
-
-void Neighbors::dumpBegins() {
-  hearing_.emplace();
 }
 
 void Neighbors::dumped(const Neighbor& neighbor) {
   const Place place(neighbor.index, neighbor.addr);
-  if (!hearing_ || hearing_->newer.count(place)) return;
-  hearing_->dumped.insert(place);
-  take(place, neighbor);
+  if (hearing_.dumped(place)) take(place, neighbor);
 }
 
 void Neighbors::dumpEnds() {
-  if (!hearing_) return;
-  const Hearing heard = std::move(*hearing_);
-  hearing_.reset();
-  std::vector<Place> left;
-  for (auto& [place, known] : kernel_)
-    if (!heard.dumped.count(place) && !heard.newer.count(place)) left.push_back(place);
-  for (const Place& place : left) gone(place.first, place.second);
+  for (const Place& place : hearing_.end(kernel_)) gone(place.first, place.second);
 }
 
 // The table, and what is configured, follow what the kernel has there.
@@ -101,83 +88,26 @@ void Neighbors::look(const Place& place) {
 
 // --- what the kernel shall do -------------------------------------------------------------------
 
-// Something changed by which what the kernel refused may pass now.
-void Neighbors::tryAgain(const NeighborKey& key) {
-  if (auto own = own_.find(key); own != own_.end()) {
-    own->second.isRefused = false;
-    own->second.attempts = 0;
-  }
-  reconcile(key);
+std::optional<MacAddr> Neighbors::wanted(const NeighborKey& key) const {
+  const MacAddr* mac = inputs_.find(key);
+  return mac ? std::optional(*mac) : std::nullopt;
 }
 
-void Neighbors::reconcile(const NeighborKey& key) {
-  const MacAddr* wanted = inputs_.find(key);
-  auto at = own_.find(key);
-  if (!wanted && at == own_.end()) return;
-  if (at != own_.end() && at->second.isBusy) return;
-  const auto device = devices_.find(key.intf);
-  if (device == devices_.end()) {
-    if (at != own_.end()) own_.erase(at);
-    return;
-  }
-  const auto known = kernel_.find({device->second, key.addr});
-  const auto has = [&](const MacAddr& mac) {
-    return known != kernel_.end() && known->second.isPermanent && known->second.mac == mac;
-  };
-  if (wanted) {
-    Own& own = own_[key];
-    if (has(*wanted)) {
-      own = {.written = *wanted, .isWritten = true};
-    } else {
-      write(key, own, *wanted);
-    }
-  } else if (at->second.isWritten && has(at->second.written)) {
-    at->second.isBusy = true;
-    at->second.isWritten = false;
-    ++counters_.writes;
-    writer_.remove({device->second, key.addr, at->second.written, true},
-                   [this, key, self = std::weak_ptr(self_)](int error, std::string_view words) {
-                     if (self.lock()) answered(key, error == ENOENT ? 0 : error, words);
-                   });
-  } else {
-    own_.erase(at);
-  }
+bool Neighbors::has(const NeighborKey& key, const MacAddr& mac) const {
+  const auto known = kernel_.find({devices_.at(key.intf), key.addr});
+  return known != kernel_.end() && known->second.isPermanent && known->second.mac == mac;
 }
 
-void Neighbors::write(const NeighborKey& key, Own& own, const MacAddr& mac) {
-  if (own.written != mac) own = {.written = mac};
-  if (own.isRefused) return;
-  if (own.attempts++ == kMaxAttempts) {
-    own.isRefused = true;
-    ++counters_.refused;
-    RYX_TRACE(facility(), 0,
-              "the kernel takes the neighbour " << key.addr.toString() << " at "
-                                                << key.intf.toString() << " and has it not");
-    return;
-  }
-  if (std::exchange(own.isWritten, false)) ++counters_.putBack;
-  own.isBusy = true;
-  ++counters_.writes;
-  writer_.set({devices_.at(key.intf), key.addr, mac, true},
-              [this, key, self = std::weak_ptr(self_)](int error, std::string_view words) {
-                if (self.lock()) answered(key, error, words);
-              });
+void Neighbors::remove(const NeighborKey& key, const MacAddr& mac, Answer done) {
+  writer_.remove(neighborFor(key, mac), [done](int error, std::string_view words) {
+    done(error == ENOENT ? 0 : error, words);
+  });
 }
 
-void Neighbors::answered(const NeighborKey& key, int error, std::string_view words) {
-  const auto at = own_.find(key);
-  if (at == own_.end()) return;
-  Own& own = at->second;
-  own.isBusy = false;
-  if (error != 0) {
-    ++counters_.refused;
-    own.isRefused = true;
-    RYX_TRACE(facility(), 0,
-              "the kernel refused the neighbour "
-                  << key.addr.toString() << " at " << key.intf.toString() << ": "
-                  << std::strerror(error) << (words.empty() ? "" : ": ") << words);
-  }
-  reconcile(key);
+void Neighbors::tell(const NeighborKey& key, const std::string& what) const {
+  RYX_TRACE(facility(), 0,
+            "the neighbour " << key.addr.toString() << " at " << key.intf.toString() << " "
+                             << what);
 }
 
 }  // namespace ryx::kernel

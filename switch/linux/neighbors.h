@@ -13,19 +13,17 @@
 // Called under the activity lock. Tree and writer outlive it.
 #pragma once
 
-#include <cstdint>
-#include <functional>
 #include <map>
-#include <memory>
 #include <optional>
-#include <string_view>
+#include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
 
 #include "platform/mirra/table.h"
 #include "platform/model/arp.h"
 #include "switch/base/neighbor_inputs.h"
+#include "switch/linux/hearing.h"
+#include "switch/linux/kept.h"
 
 namespace ryx::kernel {
 
@@ -39,29 +37,21 @@ struct Neighbor {
 
 class NeighborWriter {
  public:
-  using Done = std::function<void(int error, std::string_view words)>;
-  // A permanent entry, in the place of what there is. `done` is called once, later.
-  virtual void set(const Neighbor& neighbor, Done done) = 0;
-  virtual void remove(const Neighbor& neighbor, Done done) = 0;
+  // A permanent entry, in the place of what there is.
+  virtual void set(const Neighbor& neighbor, Answer done) = 0;
+  virtual void remove(const Neighbor& neighbor, Answer done) = 0;
 
  protected:
   ~NeighborWriter() = default;
 };
 
-class Neighbors {
+class Neighbors final
+    : private Kept<platform::Arp::NeighborKey, platform::MacAddr, platform::Arp::NeighborKeyHash> {
  public:
-  // Named bound: how often in a row the kernel is told what it then does not have.
-  static constexpr int kMaxAttempts = 4;
-
-  struct Counters {
-    uint64_t writes = 0;   // to the kernel
-    uint64_t refused = 0;  // that it refused, or took and has not
-    uint64_t putBack = 0;  // of them, of what the kernel had before and somebody changed
-  };
+  using Kept::counters;
+  using Kept::kMaxAttempts;
 
   Neighbors(platform::Tree& tree, NeighborWriter& writer);
-  Neighbors(const Neighbors&) = delete;
-  Neighbors& operator=(const Neighbors&) = delete;
 
   // A device is that interface from now on, or none (the empty identifier); or has changed.
   void deviceIs(int index, platform::IntfId intf);
@@ -69,16 +59,16 @@ class Neighbors {
   void changed(const Neighbor& neighbor);
   void gone(int index, const platform::IpAddr& addr);
   // A dump: what is told meanwhile by changed() and gone() is newer.
-  void dumpBegins();
+  void dumpBegins() { hearing_.begin(); }
   void dumped(const Neighbor& neighbor);
   void dumpEnds();
   // The table is filled: it is to be had from now on.
   void offer() { table_.offer(); }
 
   size_t size() const { return table_.size(); }
-  const Counters& counters() const { return counters_; }
 
  private:
+  using Key = platform::Arp::NeighborKey;
   using Place = std::pair<int, platform::IpAddr>;
   struct PlaceHash {
     size_t operator()(const Place& place) const {
@@ -89,35 +79,29 @@ class Neighbors {
     platform::MacAddr mac;
     bool isPermanent;
   };
-  // What became of what is configured.
-  struct Own {
-    platform::MacAddr written;
-    bool isWritten = false;  // the kernel took it
-    bool isBusy = false;     // it has not answered yet
-    bool isRefused = false;
-    int attempts = 0;
-  };
-  struct Hearing {
-    std::unordered_set<Place, PlaceHash> dumped, newer;
-  };
 
   void take(const Place& place, const Neighbor& neighbor);
   void look(const Place& place);
-  void tryAgain(const platform::Arp::NeighborKey& key);
-  void reconcile(const platform::Arp::NeighborKey& key);
-  void write(const platform::Arp::NeighborKey& key, Own& own, const platform::MacAddr& mac);
-  void answered(const platform::Arp::NeighborKey& key, int error, std::string_view words);
+  Neighbor neighborFor(const Key& key, const platform::MacAddr& mac) const {
+    return {devices_.at(key.intf), key.addr, mac, true};
+  }
+
+  std::optional<platform::MacAddr> wanted(const Key& key) const override;
+  bool deviceIsThere(const Key& key) const override { return devices_.count(key.intf) != 0; }
+  bool has(const Key& key, const platform::MacAddr& mac) const override;
+  void set(const Key& key, const platform::MacAddr& mac, Answer done) override {
+    writer_.set(neighborFor(key, mac), std::move(done));
+  }
+  void remove(const Key& key, const platform::MacAddr& mac, Answer done) override;
+  void tell(const Key& key, const std::string& what) const override;
 
   NeighborWriter& writer_;
   platform::mirra::Table<platform::Arp::Status> table_;
-  Counters counters_;
   std::map<int, platform::IntfId> interfaces_;
   std::map<platform::IntfId, int> devices_;
   std::unordered_map<Place, Known, PlaceHash> kernel_;
-  std::unordered_map<platform::Arp::NeighborKey, Own, platform::Arp::NeighborKeyHash> own_;
-  std::optional<Hearing> hearing_;
+  Hearing<Place, PlaceHash> hearing_;
   feeds::NeighborInputs inputs_;
-  const std::shared_ptr<Neighbors*> self_ = std::make_shared<Neighbors*>(this);  // for answers
 };
 
 }  // namespace ryx::kernel

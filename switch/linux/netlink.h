@@ -29,6 +29,7 @@
 #include "platform/activity/descriptor.h"
 #include "platform/activity/task.h"
 #include "platform/activity/timer.h"
+#include "switch/linux/answer.h"
 #include "switch/linux/message.h"
 
 namespace ryx::kernel {
@@ -64,8 +65,8 @@ class NetlinkSocket {
     int receiveBuffer = 4 << 20;   // bytes
   };
 
-  // 0, or an errno; with the kernel's own words, where it has any. Never called within request().
-  using Done = std::function<void(int error, std::string_view words)>;
+  // Never called within request().
+  using Done = Answer;
 
   struct Counters {
     uint64_t datagrams = 0;

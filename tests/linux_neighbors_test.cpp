@@ -5,7 +5,6 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -21,6 +20,7 @@
 #include "switch/linux/kernel_neighbors.h"
 #include "tests/support/netns.h"
 #include "tests/support/random_runs.h"
+#include "tests/support/slow_kernel.h"
 
 namespace ryx::kernel {
 namespace {
@@ -78,9 +78,7 @@ class Switch {
 
 // --- the logic, against a model kernel ----------------------------------------------------------
 
-// A kernel of maps: what it is told takes effect when it is served, and what it says waits in a
-// queue, in its order, until it is delivered.
-class ModelKernel final : public NeighborWriter {
+class ModelKernel final : public NeighborWriter, public test::SlowKernel {
  public:
   using Place = std::pair<int, IpAddr>;
   std::map<Place, Neighbor> has;
@@ -89,45 +87,27 @@ class ModelKernel final : public NeighborWriter {
   bool forgets = false;  // says yes and does nothing
 
   void set(const Neighbor& n, Answer done) override {
-    told_.push_back([this, n, done] {
-      if (refuses) return say([done] { done(EINVAL, "no"); });
+    isTold([this, n, done] {
+      if (refuses) return says([done] { done(EINVAL, "no"); });
       if (!forgets) is(n);
-      say([done] { done(0, ""); });
+      says([done] { done(0, ""); });
     });
   }
   void remove(const Neighbor& n, Answer done) override {
-    told_.push_back([this, n, done] {
+    isTold([this, n, done] {
       const bool was = isNot(n.index, n.addr);
-      say([done, was] { done(was ? 0 : ENOENT, ""); });
+      says([done, was] { done(was ? 0 : ENOENT, ""); });
     });
   }
   void is(const Neighbor& n) {
     has[{n.index, n.addr}] = n;
-    say([this, n] { neighbors->changed(n); });
+    says([this, n] { neighbors->changed(n); });
   }
   bool isNot(int index, const IpAddr& addr) {
     if (has.erase({index, addr}) == 0) return false;
-    say([this, index, addr] { neighbors->gone(index, addr); });
+    says([this, index, addr] { neighbors->gone(index, addr); });
     return true;
   }
-  void serve() {
-    if (told_.empty()) return;
-    auto next = std::move(told_.front());
-    told_.pop_front();
-    next();
-  }
-  void deliver() {
-    if (said_.empty()) return;
-    auto next = std::move(said_.front());
-    said_.pop_front();
-    next();
-  }
-  bool isIdle() const { return told_.empty() && said_.empty(); }
-
- private:
-  void say(std::function<void()> what) { said_.push_back(std::move(what)); }
-
-  std::deque<std::function<void()>> told_, said_;
 };
 
 TEST(LinuxNeighbors, RandomChangesOnBothSidesEndTheSame) {
@@ -182,12 +162,7 @@ TEST(LinuxNeighbors, RandomChangesOnBothSidesEndTheSame) {
       if (random() % 2) kernel.serve();
       if (random() % 2) kernel.deliver();
       if (random() % 10 != 0) continue;
-      do {
-        activity().run(0);
-        kernel.serve();
-        kernel.deliver();
-      } while (!kernel.isIdle());
-      activity().run(0);
+      kernel.rest();
       ASSERT_TRUE(kernel.isIdle());
       std::map<std::string, std::string> wanted;
       for (auto& [place, known] : kernel.has)
@@ -210,13 +185,6 @@ TEST(LinuxNeighbors, WhatIsNobodysGoesAndWhatIsOthersStays) {
   ModelKernel kernel;
   Neighbors neighbors(sw.tree, kernel);
   kernel.neighbors = &neighbors;
-  const auto rest = [&] {
-    do {
-      activity().run(0);
-      kernel.serve();
-      kernel.deliver();
-    } while (!kernel.isIdle());
-  };
   neighbors.offer();
   neighbors.deviceIs(1, id("Ethernet1"));
   const NeighborKey first = {address("10.0.0.1"), id("Ethernet1")},
@@ -224,42 +192,49 @@ TEST(LinuxNeighbors, WhatIsNobodysGoesAndWhatIsOthersStays) {
   const MacAddr one = mac(1), two = mac(2);
   kernel.is({1, second.addr, two, true});
   sw.configure("a", first, &one);
-  rest();
+  kernel.rest();
   EXPECT_EQ(2u, kernel.has.size());
   sw.configure("a", first, nullptr);
   sw.configure("a", second, nullptr);
-  rest();
+  kernel.rest();
   EXPECT_EQ(1u, kernel.has.size()) << "a permanent entry of somebody else's stays";
+  // One that is deconfigured while it is on its way goes as well.
+  sw.configure("a", first, &one);
+  activity().run(0);
+  sw.configure("a", first, nullptr);
+  activity().run(0);
+  kernel.rest();
+  EXPECT_EQ(1u, kernel.has.size());
   // What the kernel refuses is not told again and again, but when something changes.
   kernel.refuses = true;
   sw.configure("a", first, &one);
-  rest();
+  kernel.rest();
   EXPECT_EQ(1u, neighbors.counters().refused);
   kernel.refuses = false;
-  rest();
+  kernel.rest();
   EXPECT_EQ(1u, kernel.has.size());
   neighbors.deviceIs(1, id("Ethernet1"));
-  rest();
+  kernel.rest();
   EXPECT_EQ(2u, kernel.has.size());
   // Nor what it takes and does not have, but so often.
   const NeighborKey third = {address("10.0.0.3"), id("Ethernet1")};
   const auto before = neighbors.counters();
   kernel.forgets = true;
   sw.configure("a", third, &one);
-  rest();
+  kernel.rest();
   EXPECT_EQ(before.writes + Neighbors::kMaxAttempts, neighbors.counters().writes);
   EXPECT_EQ(before.refused + 1, neighbors.counters().refused);
   kernel.forgets = false;
   neighbors.deviceIs(1, id("Ethernet1"));
-  rest();
+  kernel.rest();
   EXPECT_EQ(3u, kernel.has.size());
   sw.configure("a", third, nullptr);
-  rest();
+  kernel.rest();
   // A notification that was lost: the dump tells.
   kernel.has.clear();
   neighbors.dumpBegins();
   neighbors.dumpEnds();
-  rest();
+  kernel.rest();
   EXPECT_EQ(1u, kernel.has.size());
   EXPECT_EQ(1u, neighbors.counters().putBack);
   EXPECT_EQ(

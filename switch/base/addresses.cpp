@@ -74,10 +74,6 @@ Addrs AddressConfig::of(IntfId intf) const {
   return all;
 }
 
-bool AddressConfig::has(IntfId intf) const {
-  return ip_.ipIntfConfig.find(intf) || ip6_.intf.find(intf);
-}
-
 void showActive(Tree& tree, IntfId intf, const Addrs& active) {
   const auto ip6 = std::find_if(active.begin(), active.end(),
                                 [](const IpAddrMask& addr) { return addr.af() == Af::ipv6; });

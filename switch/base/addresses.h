@@ -20,8 +20,6 @@ class AddressConfig final : private platform::JournalReactor {
 
   // Ascending, of both families.
   std::vector<platform::IpAddrMask> of(platform::IntfId intf) const;
-  // Whether anything was ever configured for it.
-  bool has(platform::IntfId intf) const;
 
  private:
   void onEntity(platform::Entity& entity, platform::Change) override;

@@ -22,9 +22,12 @@ NeighborInputs::NeighborInputs(Tree& tree, Changed changed)
   follow(*tree.make<Dir>(kInputs)->childJournal(), true);
 }
 
-void NeighborInputs::onEntity(Entity& entity, Change) {
-  const auto* input = entity.as<EntryInput>();
-  if (input) return changed_(NeighborKey(input->key()));
+void NeighborInputs::onEntity(Entity& entity, Change change) {
+  if (const auto* input = entity.as<EntryInput>()) {
+    if (change == Change::created) told_.insert(input);
+    if (change == Change::deleted) told_.erase(input);
+    return changed_(NeighborKey(input->key()));
+  }
   isSorted_ = false;  // an agent's input came or went; what is in it is told after that
 }
 
@@ -44,7 +47,7 @@ const MacAddr* NeighborInputs::find(const NeighborKey& key) const {
   for (const Ref<VrfInput>& vrf : inputs())
     if (const EntryInput* entry =
             key.addr.af() == Af::ipv4 ? vrf->ipv4.find(key) : vrf->ipv6.find(key))
-      return &entry->ethAddr();
+      if (told_.count(entry)) return &entry->ethAddr();
   return nullptr;
 }
 

@@ -5,6 +5,7 @@
 
 #include "platform/statehub/local.h"
 #include "switch/linux/intf_map.h"
+#include "switch/linux/kernel_addresses.h"
 #include "switch/linux/kernel_links.h"
 #include "switch/linux/kernel_neighbors.h"
 
@@ -24,14 +25,19 @@ class LinuxFeed final : public Feed {
       if (!error.empty()) return "RYX_INTF_MAP: " + error;
     }
     links_ = ryx::kernel::KernelLinks::start(tree, map, &error);
-    if (links_) neighbors_ = ryx::kernel::KernelNeighbors::start(tree, links_->links(), &error);
+    if (links_) addresses_ = ryx::kernel::KernelAddresses::start(tree, links_->links(), &error);
+    if (addresses_) neighbors_ = ryx::kernel::KernelNeighbors::start(tree, links_->links(), &error);
     return error;
   }
 
-  void takeOver() override { links_->takeOver(); }
+  void takeOver() override {
+    links_->takeOver();
+    addresses_->takeOver();
+  }
 
  private:
   std::unique_ptr<ryx::kernel::KernelLinks> links_;
+  std::unique_ptr<ryx::kernel::KernelAddresses> addresses_;
   std::unique_ptr<ryx::kernel::KernelNeighbors> neighbors_;
 };
 
@@ -39,7 +45,8 @@ class LinuxFeed final : public Feed {
 
 extern "C" RYX_PRIVATE const char ryxFeedAbi[] = RYX_VERSION;
 
-extern "C" RYX_PRIVATE const char* const ryxFeedPlaces[] = {"interface/", "lag/", "arp/", nullptr};
+extern "C" RYX_PRIVATE const char* const ryxFeedPlaces[] = {"interface/", "lag/", "ip/",
+                                                            "ip6/",       "arp/", nullptr};
 
 extern "C" RYX_PRIVATE Feed* ryxFeedStart(Tree& tree, const std::string& argument,
                                           std::string* error) {

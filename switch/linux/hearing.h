@@ -3,13 +3,13 @@
 #pragma once
 
 #include <optional>
-#include <unordered_set>
+#include <set>
 #include <utility>
 #include <vector>
 
 namespace ryx::kernel {
 
-template <class Place, class Hash = std::hash<Place>>
+template <class Place>
 class Hearing {
  public:
   bool isOn() const { return heard_.has_value(); }
@@ -36,7 +36,7 @@ class Hearing {
 
  private:
   struct Heard {
-    std::unordered_set<Place, Hash> dumped, newer;
+    std::set<Place> dumped, newer;
   };
   std::optional<Heard> heard_;
 };

@@ -1,7 +1,7 @@
 // What is configured and shall be in the kernel, an entry a key: it is put there when its device is
 // there, put back when somebody takes it away or changes it, and taken away when it is configured
 // no more. What the kernel refuses is told, and tried again when tryAgain() says that something
-// changed by which it may pass.
+// changed by which it may pass; what fails for a passing reason is tried kMaxAttempts times.
 //
 // One request a key is on its way at a time; what changes meanwhile is seen when it is answered.
 // The owner derives from it, tells what happens to a key by reconcile() and tryAgain(), and answers
@@ -81,7 +81,8 @@ class Kept {
  private:
   struct Own {
     Value written;
-    bool isWritten = false;  // the kernel took it
+    bool isWritten = false;  // the kernel had it
+    bool isTaken = false;    // the kernel said that it takes it
     bool isBusy = false;     // it has not answered yet
     bool isRefused = false;
     int attempts = 0;
@@ -119,7 +120,7 @@ void Kept<Key, Value, Hash>::reconcile(const Key& key) {
       own = {.written = *value, .isWritten = true};
     else
       write(key, own, *value);
-  } else if (at->second.isWritten && has(key, at->second.written)) {
+  } else if ((at->second.isWritten || at->second.isTaken) && has(key, at->second.written)) {
     takeAway(key, at->second);
   } else {
     own_.erase(at);
@@ -137,6 +138,7 @@ void Kept<Key, Value, Hash>::write(const Key& key, Own& own, const Value& value)
   }
   if (std::exchange(own.isWritten, false)) ++counters_.putBack;
   own.isBusy = true;
+  own.isTaken = true;  // unless it is refused
   ++counters_.writes;
   set(key, value, answerFor(key));
 }
@@ -144,7 +146,7 @@ void Kept<Key, Value, Hash>::write(const Key& key, Own& own, const Value& value)
 template <class Key, class Value, class Hash>
 void Kept<Key, Value, Hash>::takeAway(const Key& key, Own& own) {
   own.isBusy = true;
-  own.isWritten = false;
+  own.isWritten = own.isTaken = false;
   ++counters_.writes;
   remove(key, own.written, answerFor(key));
 }
@@ -155,9 +157,12 @@ void Kept<Key, Value, Hash>::answered(const Key& key, int error, std::string_vie
   if (at == own_.end()) return;
   Own& own = at->second;
   own.isBusy = false;
-  if (error != 0) {
+  if (isPassing(error)) {
+    own.isTaken = false;  // as far as is known
+  } else if (error != 0) {
     ++counters_.refused;
     own.isRefused = true;
+    own.isTaken = false;
     std::string why = std::strerror(error);
     if (!words.empty()) why += ": " + std::string(words);
     tell(key, "is refused by the kernel: " + why);

@@ -100,7 +100,7 @@ class Neighbors final
   std::map<int, platform::IntfId> interfaces_;
   std::map<platform::IntfId, int> devices_;
   std::unordered_map<Place, Known, PlaceHash> kernel_;
-  Hearing<Place, PlaceHash> hearing_;
+  Hearing<Place> hearing_;
   feeds::NeighborInputs inputs_;
 };
 

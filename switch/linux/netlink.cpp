@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -165,16 +166,19 @@ bool NetlinkSocket::windowIsOpen() const {
 // False when the socket takes no more now.
 bool NetlinkSocket::sendBatch() {
   std::string batch;
-  size_t count = 0;
+  size_t count = 0, last = 0;
   while (count < queue_.size() && sent_.size() + count < kWindow) {
     std::string bytes = queue_[count].bytes;
     if (count != 0 && batch.size() + bytes.size() > kBatchBytes) break;
-    reinterpret_cast<nlmsghdr*>(bytes.data())->nlmsg_seq =
-        sequence_ + 1 + static_cast<uint32_t>(count);
+    auto* header = reinterpret_cast<nlmsghdr*>(bytes.data());
+    header->nlmsg_seq = sequence_ + 1 + static_cast<uint32_t>(count);
+    header->nlmsg_flags &= static_cast<uint16_t>(~NLM_F_ACK);
+    last = batch.size();
     bytes.resize(NLMSG_ALIGN(bytes.size()));
     batch += bytes;
     ++count;
   }
+  reinterpret_cast<nlmsghdr*>(batch.data() + last)->nlmsg_flags |= NLM_F_ACK;
   int error = send(fd_, batch.data(), batch.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0 ? errno : 0;
   if (error == EAGAIN || error == EINTR) {
     putOff();
@@ -183,12 +187,12 @@ bool NetlinkSocket::sendBatch() {
   ++counters_.batches;
   counters_.requests += count;
   for (size_t i = 0; i < count; ++i) {
-    sent_.emplace(++sequence_, std::move(queue_.front().done));
+    sent_.push_back({++sequence_, std::move(queue_.front().done)});
     queue_.pop_front();
   }
-  uint32_t last = sequence_;
-  for (size_t i = count; error != 0 && i > 0; --i)
-    answer(last - static_cast<uint32_t>(i) + 1, error, "not sent");
+  const uint32_t first = sequence_ - static_cast<uint32_t>(count) + 1;
+  for (size_t i = 0; error != 0 && i < count; ++i)
+    answer(first + static_cast<uint32_t>(i), error, "not sent");
   return true;
 }
 
@@ -197,25 +201,36 @@ void NetlinkSocket::putOff() {
   ear_->writableInterestIs(true);
 }
 
+namespace {
+
+bool isBefore(uint32_t a, uint32_t b) {
+  return static_cast<int32_t>(a - b) < 0;
+}
+
+}  // namespace
+
 void NetlinkSocket::answer(uint32_t sequence, int error, std::string_view words) {
-  auto at = sent_.find(sequence);
-  if (at == sent_.end()) return;
-  Done done = std::move(at->second);
-  sent_.erase(at);
+  const auto at = std::find_if(sent_.begin(), sent_.end(),
+                               [&](const Sent& s) { return !isBefore(s.sequence, sequence); });
+  if (at == sent_.end() || at->sequence != sequence) return;
+  answerThoseBefore(sequence);
+  answerFirst(error, words);
+}
+
+void NetlinkSocket::answerThoseBefore(uint32_t sequence) {
+  while (!sent_.empty() && isBefore(sent_.front().sequence, sequence)) {
+    const bool isCertain = !isBefore(sent_.front().sequence, certainFrom_);
+    if (!isCertain) ++counters_.lostAnswers;
+    isCertain ? answerFirst(0, "") : answerFirst(ENOBUFS, "the answer was lost");
+  }
+}
+
+void NetlinkSocket::answerFirst(int error, std::string_view words) {
+  const Done done = std::move(sent_.front().done);
+  sent_.pop_front();
   if (error != 0) ++counters_.refused;
   if (!queue_.empty()) flush_->wake();
   done(error, words);
-}
-
-// Their answers would have come by now.
-void NetlinkSocket::failRequestsBefore(uint32_t sequence) {
-  std::vector<uint32_t> before;
-  for (const auto& [number, done] : sent_)
-    if (static_cast<int32_t>(number - sequence) < 0) before.push_back(number);
-  for (uint32_t number : before) {
-    ++counters_.lostAnswers;
-    answer(number, ENOBUFS, "the answer was lost");
-  }
 }
 
 // --- the dump -----------------------------------------------------------------------------------
@@ -260,7 +275,9 @@ void NetlinkSocket::endDump(int error) {
   repeats_ = 0;
   ++counters_.dumps;
   client_.onDumpEnd();
-  failRequestsBefore(dumpSequence_);
+  // What has none by now had its answer lost.
+  certainFrom_ = dumpSequence_;
+  answerThoseBefore(dumpSequence_);
 }
 
 void NetlinkSocket::repeatDump() {
@@ -339,6 +356,7 @@ void NetlinkSocket::drained() {
 void NetlinkSocket::lost() {
   RYX_TRACE(facility(), 1, "notifications were lost: asking for all anew");
   dumpWanted_ = true;
+  certainFrom_ = sequence_ + 1;
 }
 
 void NetlinkSocket::take(const char* bytes, size_t size) {

@@ -12,7 +12,9 @@
 //    the socket takes no more, requests wait.
 //
 // Requests of one turn of the loop leave together, many in one datagram, with at most kWindow
-// without an answer, so that the answers fit the receive buffer.
+// without an answer, so that the answers fit the receive buffer. The kernel is asked to answer the
+// last one of a datagram; of the others it answers those that fail. It does so in their order: what
+// has no answer when a later one comes was done, unless answers may have been lost meanwhile.
 //
 // Called under the activity lock. The client outlives it.
 #pragma once
@@ -20,7 +22,6 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -39,7 +40,7 @@ class NetlinkSocket {
   // Named bounds: of requests without an answer; of bytes in a datagram; of datagrams that one
   // callback reads; of interrupted dumps that are repeated at once, later ones after kRepeatDelay
   // seconds.
-  static constexpr size_t kWindow = 64;
+  static constexpr size_t kWindow = 512;
   static constexpr size_t kBatchBytes = 32768;
   static constexpr int kDatagramsPerRead = 64;
   static constexpr int kImmediateRepeats = 5;
@@ -92,7 +93,7 @@ class NetlinkSocket {
   NetlinkSocket(const NetlinkSocket&) = delete;
   NetlinkSocket& operator=(const NetlinkSocket&) = delete;
 
-  // Sends the message, which asks for an answer (NLM_F_ACK).
+  // Sends the message. Whether it asks for an answer (NLM_F_ACK) is this socket's business.
   void request(const Message& message, Done done);
 
   // Asks for a dump.
@@ -111,6 +112,10 @@ class NetlinkSocket {
     std::string bytes;
     Done done;
   };
+  struct Sent {
+    uint32_t sequence;
+    Done done;
+  };
   class Ear;
   class Flush;
   class Repeat;
@@ -127,7 +132,8 @@ class NetlinkSocket {
   void sendRequests();
   bool windowIsOpen() const;
   bool sendBatch();
-  void failRequestsBefore(uint32_t sequence);
+  void answerThoseBefore(uint32_t sequence);
+  void answerFirst(int error, std::string_view words);
   void sendDump();
   void sendDumpLater();
   void endDump(int error);
@@ -144,7 +150,8 @@ class NetlinkSocket {
 
   uint32_t sequence_ = 0;  // the last that was given out
   std::deque<Request> queue_;
-  std::map<uint32_t, Done> sent_;
+  std::deque<Sent> sent_;     // without an answer, in their order
+  uint32_t certainFrom_ = 0;  // of earlier ones answers may have been lost
 
   bool dumpWanted_ = false;
   bool dumping_ = false;

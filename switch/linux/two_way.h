@@ -13,8 +13,9 @@
 // Pure bookkeeping: the owner does the writing, and tells all that happens. `T` is a value.
 #pragma once
 
-#include <cerrno>
 #include <cstdint>
+
+#include "switch/linux/answer.h"
 
 namespace ryx::kernel {
 
@@ -80,11 +81,6 @@ class TwoWay {
   }
 
   int attempts() const { return attempts_; }
-
-  static bool isPassing(int error) {
-    return error == ENOBUFS || error == ENOMEM || error == EAGAIN || error == EBUSY ||
-           error == EINTR;
-  }
 
  private:
   T kernel_;

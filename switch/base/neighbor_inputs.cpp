@@ -1,6 +1,5 @@
 #include "switch/base/neighbor_inputs.h"
 
-#include <map>
 #include <utility>
 
 namespace ryx::feeds {
@@ -13,52 +12,44 @@ using Arp::VrfInput;
 
 namespace {
 
-constexpr const char* kInputs = "arp/input/config";
+// Of the agent whose entry it is.
+Name agentOf(const EntryInput& entry) {
+  return entry.parent()->parent()->as<ArpInputConfig>()->key();
+}
 
 }  // namespace
 
 NeighborInputs::NeighborInputs(Tree& tree, Changed changed)
-    : JournalReactor("neighbor inputs"), tree_(tree), changed_(std::move(changed)) {
-  follow(*tree.make<Dir>(kInputs)->childJournal(), true);
+    : JournalReactor("neighbor inputs"), changed_(std::move(changed)) {
+  follow(*tree.make<Dir>("arp/input/config")->childJournal(), true);
 }
 
 void NeighborInputs::onEntity(Entity& entity, Change change) {
-  if (const auto* input = entity.as<EntryInput>()) {
-    if (change == Change::created) told_.insert(input);
-    if (change == Change::deleted) told_.erase(input);
-    return changed_(NeighborKey(input->key()));
+  auto* input = entity.as<EntryInput>();
+  if (!input || input->parent()->as<VrfInput>()->key() != Name("default")) return;
+  const NeighborKey key = input->key();
+  if (change == Change::created) told_.emplace(key, input);
+  if (change == Change::deleted) {
+    auto [at, end] = told_.equal_range(key);
+    while (at != end && at->second != input) ++at;
+    if (at != end) told_.erase(at);
   }
-  isSorted_ = false;  // an agent's input came or went; what is in it is told after that
-}
-
-const std::vector<Ref<VrfInput>>& NeighborInputs::inputs() const {
-  if (std::exchange(isSorted_, true)) return inputs_;
-  std::map<std::string, VrfInput*> sorted;
-  for (CollectionIterator it(tree_.find<Dir>(kInputs)->entry); it; it.next())
-    if (auto* input = it.get()->as<ArpInputConfig>())
-      if (VrfInput* vrf = input->vrf.find(Name("default")))
-        sorted[std::string(input->key().view())] = vrf;
-  inputs_.clear();
-  for (auto& [name, vrf] : sorted) inputs_.emplace_back(vrf);
-  return inputs_;
+  changed_(key);
 }
 
 const MacAddr* NeighborInputs::find(const NeighborKey& key) const {
-  for (const Ref<VrfInput>& vrf : inputs())
-    if (const EntryInput* entry =
-            key.addr.af() == Af::ipv4 ? vrf->ipv4.find(key) : vrf->ipv6.find(key))
-      if (told_.count(entry)) return &entry->ethAddr();
-  return nullptr;
+  auto [at, end] = told_.equal_range(key);
+  if (at == end) return nullptr;
+  const EntryInput* first = at->second;
+  while (++at != end)
+    if (agentOf(*at->second).view() < agentOf(*first).view()) first = at->second;
+  return &first->ethAddr();
 }
 
 std::vector<NeighborKey> NeighborInputs::keysAt(IntfId intf) const {
   std::vector<NeighborKey> keys;
-  for (const Ref<VrfInput>& vrf : inputs())
-    for (const CollectionBase* entries :
-         {static_cast<CollectionBase*>(&vrf->ipv4), static_cast<CollectionBase*>(&vrf->ipv6)})
-      for (CollectionIterator it(*entries); it; it.next())
-        if (const auto& entry = static_cast<EntryInput&>(*it.get()); entry.key().intf == intf)
-          keys.push_back(entry.key());
+  for (const auto& [key, entry] : told_)
+    if (key.intf == intf) keys.push_back(key);
   return keys;
 }
 

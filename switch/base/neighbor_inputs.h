@@ -4,8 +4,7 @@
 #pragma once
 
 #include <functional>
-#include <string>
-#include <unordered_set>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/model/arp.h"
@@ -29,13 +28,12 @@ class NeighborInputs final : private platform::JournalReactor {
 
  private:
   void onEntity(platform::Entity& entity, platform::Change change) override;
-  const std::vector<platform::Ref<platform::Arp::VrfInput>>& inputs() const;
 
-  platform::Tree& tree_;
   const Changed changed_;
-  mutable std::vector<platform::Ref<platform::Arp::VrfInput>> inputs_;  // by their agents' names
-  mutable bool isSorted_ = false;
-  std::unordered_set<const platform::Entity*> told_;
+  // Of all agents, as they were told.
+  std::unordered_multimap<platform::Arp::NeighborKey, platform::Arp::EntryInput*,
+                          platform::Arp::NeighborKeyHash>
+      told_;
 };
 
 }  // namespace ryx::feeds

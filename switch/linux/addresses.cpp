@@ -98,8 +98,9 @@ void Addresses::look(const Place& place) {
   if (at == interfaces_.end()) return;
   const IntfId intf = at->second;
   lookLater(intf);
-  reconcile({intf, place.second});
-  if (!kernel_.count(place))
+  const bool isThere = kernel_.count(place) != 0;
+  kernelHas({intf, place.second}, isThere ? &isThere : nullptr);
+  if (!isThere)
     tryRefusedAgain([&](const AddressKey& key) {
       return key.intf == intf && key.addr.addr() == place.second.addr();
     });
@@ -168,12 +169,6 @@ std::optional<bool> Addresses::wanted(const AddressKey& key) const {
 std::optional<bool> Addresses::leftover(const AddressKey& key) const {
   const Known* known = find(key);
   return leftoversGo_ && known && known->isOurs ? std::optional(true) : std::nullopt;
-}
-
-void Addresses::remove(const AddressKey& key, const bool&, Answer done) {
-  writer_.remove(addressFor(key), [done](int error, std::string_view words) {
-    done(error == EADDRNOTAVAIL || error == ENODEV ? 0 : error, words);
-  });
 }
 
 void Addresses::tell(const AddressKey& key, const std::string& what) const {

@@ -115,7 +115,12 @@ class Addresses final : private Kept<AddressKey, bool, AddressKeyHash>, private 
   void set(const AddressKey& key, const bool&, Answer done) override {
     writer_.set(addressFor(key), std::move(done));
   }
-  void remove(const AddressKey& key, const bool&, Answer done) override;
+  void remove(const AddressKey& key, const bool&, Answer done) override {
+    writer_.remove(addressFor(key), std::move(done));
+  }
+  bool isNotThere(int error) const override {
+    return error == EADDRNOTAVAIL || error == ENODEV || error == ENOENT;
+  }
   void tell(const AddressKey& key, const std::string& what) const override;
 
   platform::Tree& tree_;

@@ -4,16 +4,15 @@
 // changed by which it may pass; what fails for a passing reason is tried kMaxAttempts times.
 //
 // One request a key is on its way at a time; what changes meanwhile is seen when it is answered.
-// The owner derives from it, tells what happens to a key by reconcile() and tryAgain(), and answers
-// its questions.
+// The owner derives from it, tells what happens to a key by kernelHas(), reconcile() and
+// tryAgain(), and answers its questions.
 //
-// Called under the activity lock.
+// Called under the activity lock. Whoever writes for it does not answer when it is gone.
 #pragma once
 
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -54,20 +53,24 @@ class Kept {
   // What the kernel has there that nobody but this switch can have put there, in an earlier life.
   virtual std::optional<Value> leftover(const Key&) const { return {}; }
   virtual void set(const Key& key, const Value& value, Answer done) = 0;
-  // Done is also what was not there.
   virtual void remove(const Key& key, const Value& value, Answer done) = 0;
+  // Whether it says by that error that there is nothing to remove.
+  virtual bool isNotThere(int error) const = 0;
   // "the neighbour 10.0.0.1 at Ethernet1 ", and what happened to it.
   virtual void tell(const Key& key, const std::string& what) const = 0;
 
-  // The kernel has something else there, or the configuration does.
-  void reconcile(const Key& key);
+  // The kernel has that there now, or nothing that counts (null).
+  void kernelHas(const Key& key, const Value* now);
+  // The configuration has something else there, or the device came or went.
+  void reconcile(const Key& key) { reconcile(key, own_.find(key)); }
   // The same, and what the kernel refused may pass now.
   void tryAgain(const Key& key) {
-    if (const auto own = own_.find(key); own != own_.end()) {
+    const auto own = own_.find(key);
+    if (own != own_.end()) {
       own->second.isRefused = false;
       own->second.attempts = 0;
     }
-    reconcile(key);
+    reconcile(key, own);
   }
   // Of all that the kernel refused.
   template <class Which>
@@ -83,52 +86,72 @@ class Kept {
     Value written;
     bool isWritten = false;  // the kernel had it
     bool isTaken = false;    // the kernel said that it takes it
-    bool isBusy = false;     // it has not answered yet
     bool isRefused = false;
+    // While a request is on its way: that the kernel was heard to do it, and that something else
+    // happened.
+    bool isBusy = false;
+    bool isRemoval = false;
+    bool isHeard = false;
+    bool isStale = false;
     int attempts = 0;
   };
+  using Owns = std::unordered_map<Key, Own, Hash>;
+  using Entry = typename Owns::value_type;
 
-  void write(const Key& key, Own& own, const Value& value);
-  void takeAway(const Key& key, Own& own);
-  Answer answerFor(const Key& key) {
-    return [this, key, self = std::weak_ptr(self_)](int error, std::string_view words) {
-      if (self.lock()) answered(key, error, words);
-    };
+  void reconcile(const Key& key, typename Owns::iterator at);
+  void write(Entry& entry, const Value& value);
+  void takeAway(Entry& entry);
+  // A key stays while a request of its is on its way. What is captured fits an Answer itself.
+  Answer answerFor(Entry& entry) {
+    return [this, &entry](int error, std::string_view words) { answered(entry, error, words); };
   }
-  void answered(const Key& key, int error, std::string_view words);
+  void answered(Entry& entry, int error, std::string_view words);
 
   KeptCounters counters_;
-  std::unordered_map<Key, Own, Hash> own_;
-  const std::shared_ptr<Kept*> self_ = std::make_shared<Kept*>(this);  // for answers
+  Owns own_;
 };
 
 template <class Key, class Value, class Hash>
-void Kept<Key, Value, Hash>::reconcile(const Key& key) {
-  const std::optional<Value> value = wanted(key);
-  auto at = own_.find(key);
-  if (!value && at == own_.end()) {
-    const std::optional<Value> left = leftover(key);
-    if (left && deviceIsThere(key)) takeAway(key, own_[key] = {.written = *left});
-    return;
-  }
-  if (at != own_.end() && at->second.isBusy) return;
-  if (!deviceIsThere(key)) {
-    if (at != own_.end()) own_.erase(at);
-  } else if (value) {
-    Own& own = own_[key];
-    if (has(key, *value))
-      own = {.written = *value, .isWritten = true};
-    else
-      write(key, own, *value);
-  } else if ((at->second.isWritten || at->second.isTaken) && has(key, at->second.written)) {
-    takeAway(key, at->second);
-  } else {
-    own_.erase(at);
-  }
+void Kept<Key, Value, Hash>::kernelHas(const Key& key, const Value* now) {
+  const auto at = own_.find(key);
+  if (at == own_.end() || !at->second.isBusy) return reconcile(key, at);
+  Own& own = at->second;
+  const bool isEcho = own.isRemoval ? now == nullptr : now != nullptr && *now == own.written;
+  (isEcho ? own.isHeard : own.isStale) = true;
 }
 
 template <class Key, class Value, class Hash>
-void Kept<Key, Value, Hash>::write(const Key& key, Own& own, const Value& value) {
+void Kept<Key, Value, Hash>::reconcile(const Key& key, typename Owns::iterator at) {
+  if (at != own_.end() && at->second.isBusy) {
+    at->second.isStale = true;
+    return;
+  }
+  const std::optional<Value> value = wanted(key);
+  if (at == own_.end()) {
+    const std::optional<Value> left = value ? std::nullopt : leftover(key);
+    if ((!value && !left) || !deviceIsThere(key)) return;
+    at = own_.try_emplace(key).first;
+    if (left) {
+      at->second.written = *left;
+      return takeAway(*at);
+    }
+  }
+  Own& own = at->second;
+  if (!deviceIsThere(key))
+    own_.erase(at);
+  else if (value && has(key, *value))
+    own = {.written = *value, .isWritten = true};
+  else if (value)
+    write(*at, *value);
+  else if ((own.isWritten || own.isTaken) && has(key, own.written))
+    takeAway(*at);
+  else
+    own_.erase(at);
+}
+
+template <class Key, class Value, class Hash>
+void Kept<Key, Value, Hash>::write(Entry& entry, const Value& value) {
+  auto& [key, own] = entry;
   if (own.written != value) own = {.written = value};
   if (own.isRefused) return;
   if (own.attempts++ == kMaxAttempts) {
@@ -138,25 +161,34 @@ void Kept<Key, Value, Hash>::write(const Key& key, Own& own, const Value& value)
   }
   if (std::exchange(own.isWritten, false)) ++counters_.putBack;
   own.isBusy = true;
+  own.isRemoval = own.isHeard = own.isStale = false;
   own.isTaken = true;  // unless it is refused
   ++counters_.writes;
-  set(key, value, answerFor(key));
+  set(key, value, answerFor(entry));
 }
 
 template <class Key, class Value, class Hash>
-void Kept<Key, Value, Hash>::takeAway(const Key& key, Own& own) {
-  own.isBusy = true;
+void Kept<Key, Value, Hash>::takeAway(Entry& entry) {
+  auto& [key, own] = entry;
+  own.isBusy = own.isRemoval = true;
+  own.isHeard = own.isStale = false;
   own.isWritten = own.isTaken = false;
   ++counters_.writes;
-  remove(key, own.written, answerFor(key));
+  remove(key, own.written, answerFor(entry));
 }
 
 template <class Key, class Value, class Hash>
-void Kept<Key, Value, Hash>::answered(const Key& key, int error, std::string_view words) {
-  const auto at = own_.find(key);
-  if (at == own_.end()) return;
-  Own& own = at->second;
+void Kept<Key, Value, Hash>::answered(Entry& entry, int error, std::string_view words) {
+  auto& [key, own] = entry;
   own.isBusy = false;
+  if (own.isRemoval && isNotThere(error)) error = 0;
+  if (error == 0 && own.isHeard && !own.isStale) {
+    if (own.isRemoval)
+      own_.erase(own_.find(key));
+    else
+      own = {.written = own.written, .isWritten = true};
+    return;
+  }
   if (isPassing(error)) {
     own.isTaken = false;  // as far as is known
   } else if (error != 0) {

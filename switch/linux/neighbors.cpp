@@ -36,11 +36,12 @@ void Neighbors::deviceIs(int index, IntfId intf) {
       for (const Place& place : places) table_.remove({place.second, before});
       devices_.erase(before);
       interfaces_.erase(at);
+      for (const NeighborKey& key : inputs_.keysAt(before)) reconcile(key);
     }
     if (!intf.isEmpty()) {
       interfaces_[index] = intf;
       devices_[intf] = index;
-      for (const Place& place : places) look(place);
+      for (const Place& place : places) look(place, &kernel_.at(place));
     }
   }
   if (intf.isEmpty()) return;
@@ -54,14 +55,15 @@ void Neighbors::changed(const Neighbor& neighbor) {
 }
 
 void Neighbors::take(const Place& place, const Neighbor& neighbor) {
-  kernel_[place] = {neighbor.mac, neighbor.isPermanent};
-  look(place);
+  const Known known = {neighbor.mac, neighbor.isPermanent};
+  kernel_[place] = known;
+  look(place, &known);
 }
 
 void Neighbors::gone(int index, const IpAddr& addr) {
   const Place place(index, addr);
   hearing_.told(place);
-  if (kernel_.erase(place) != 0) look(place);
+  if (kernel_.erase(place) != 0) look(place, nullptr);
 }
 
 void Neighbors::dumped(const Neighbor& neighbor) {
@@ -74,16 +76,15 @@ void Neighbors::dumpEnds() {
 }
 
 // The table, and what is configured, follow what the kernel has there.
-void Neighbors::look(const Place& place) {
+void Neighbors::look(const Place& place, const Known* known) {
   const auto intf = interfaces_.find(place.first);
   if (intf == interfaces_.end()) return;
   const NeighborKey key = {place.second, intf->second};
-  if (const auto known = kernel_.find(place); known == kernel_.end())
-    table_.remove(key);
+  if (known)
+    table_.write({key, known->mac, known->isPermanent ? EntryType::fixed : EntryType::dynamic});
   else
-    table_.write({key, known->second.mac,
-                  known->second.isPermanent ? EntryType::fixed : EntryType::dynamic});
-  reconcile(key);
+    table_.remove(key);
+  kernelHas(key, known && known->isPermanent ? &known->mac : nullptr);
 }
 
 // --- what the kernel shall do -------------------------------------------------------------------
@@ -98,16 +99,10 @@ bool Neighbors::has(const NeighborKey& key, const MacAddr& mac) const {
   return known != kernel_.end() && known->second.isPermanent && known->second.mac == mac;
 }
 
-void Neighbors::remove(const NeighborKey& key, const MacAddr& mac, Answer done) {
-  writer_.remove(neighborFor(key, mac), [done](int error, std::string_view words) {
-    done(error == ENOENT ? 0 : error, words);
-  });
-}
-
 void Neighbors::tell(const NeighborKey& key, const std::string& what) const {
-  RYX_TRACE(facility(), 0,
-            "the neighbour " << key.addr.toString() << " at " << key.intf.toString() << " "
-                             << what);
+  RYX_TRACE(
+      facility(), 0,
+      "the neighbour " << key.addr.toString() << " at " << key.intf.toString() << " " << what);
 }
 
 }  // namespace ryx::kernel

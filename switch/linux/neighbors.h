@@ -81,7 +81,7 @@ class Neighbors final
   };
 
   void take(const Place& place, const Neighbor& neighbor);
-  void look(const Place& place);
+  void look(const Place& place, const Known* known);
   Neighbor neighborFor(const Key& key, const platform::MacAddr& mac) const {
     return {devices_.at(key.intf), key.addr, mac, true};
   }
@@ -92,7 +92,10 @@ class Neighbors final
   void set(const Key& key, const platform::MacAddr& mac, Answer done) override {
     writer_.set(neighborFor(key, mac), std::move(done));
   }
-  void remove(const Key& key, const platform::MacAddr& mac, Answer done) override;
+  void remove(const Key& key, const platform::MacAddr& mac, Answer done) override {
+    writer_.remove(neighborFor(key, mac), std::move(done));
+  }
+  bool isNotThere(int error) const override { return error == ENOENT; }
   void tell(const Key& key, const std::string& what) const override;
 
   NeighborWriter& writer_;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "platform/base/clock.h"
 #include "platform/trace/trace.h"
@@ -134,7 +135,8 @@ NetlinkSocket::NetlinkSocket(int fd, uint32_t port, const Message& dump, Client&
       port_(port),
       client_(client),
       dump_(dump),
-      buffer_(kFirstBuffer),
+      bufferSize_(kFirstBuffer),
+      buffers_(kFirstBuffer * kDatagramsPerCall),
       ear_(std::make_unique<Ear>(*this, fd)),
       flush_(std::make_unique<Flush>(*this)),
       repeat_(std::make_unique<Repeat>(*this)) {
@@ -149,7 +151,10 @@ NetlinkSocket::~NetlinkSocket() {
 // --- requests -----------------------------------------------------------------------------------
 
 void NetlinkSocket::request(const Message& message, Done done) {
-  queue_.push_back({std::string(message.bytes()), std::move(done)});
+  queueBytes_ += message.bytes();
+  const size_t size = NLMSG_ALIGN(message.bytes().size());
+  queueBytes_.append(size - message.bytes().size(), 0);
+  queue_.push_back({size, std::move(done)});
   flush_->wake();
 }
 
@@ -165,32 +170,36 @@ bool NetlinkSocket::windowIsOpen() const {
 
 // False when the socket takes no more now.
 bool NetlinkSocket::sendBatch() {
-  std::string batch;
-  size_t count = 0, last = 0;
-  while (count < queue_.size() && sent_.size() + count < kWindow) {
-    std::string bytes = queue_[count].bytes;
-    if (count != 0 && batch.size() + bytes.size() > kBatchBytes) break;
-    auto* header = reinterpret_cast<nlmsghdr*>(bytes.data());
-    header->nlmsg_seq = sequence_ + 1 + static_cast<uint32_t>(count);
-    header->nlmsg_flags &= static_cast<uint16_t>(~NLM_F_ACK);
-    last = batch.size();
-    bytes.resize(NLMSG_ALIGN(bytes.size()));
-    batch += bytes;
-    ++count;
+  char* const begin = queueBytes_.data() + queueBegin_;
+  size_t count = 0, size = 0;
+  nlmsghdr* last = nullptr;
+  for (; count < queue_.size() && sent_.size() + count < kWindow; ++count) {
+    if (count != 0 && size + queue_[count].size > kBatchBytes) break;
+    last = reinterpret_cast<nlmsghdr*>(begin + size);
+    last->nlmsg_seq = sequence_ + 1 + static_cast<uint32_t>(count);
+    last->nlmsg_flags &= static_cast<uint16_t>(~NLM_F_ACK);
+    size += queue_[count].size;
   }
-  reinterpret_cast<nlmsghdr*>(batch.data() + last)->nlmsg_flags |= NLM_F_ACK;
-  int error = send(fd_, batch.data(), batch.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0 ? errno : 0;
+  last->nlmsg_flags |= NLM_F_ACK;
+  const int error = send(fd_, begin, size, MSG_DONTWAIT | MSG_NOSIGNAL) < 0 ? errno : 0;
   if (error == EAGAIN || error == EINTR) {
     putOff();
     return false;
   }
   ++counters_.batches;
   counters_.requests += count;
+  queueBegin_ += size;
+  const uint32_t first = sequence_ + 1;
   for (size_t i = 0; i < count; ++i) {
     sent_.push_back({++sequence_, std::move(queue_.front().done)});
     queue_.pop_front();
   }
-  const uint32_t first = sequence_ - static_cast<uint32_t>(count) + 1;
+  if (queue_.empty()) {
+    queueBytes_.clear();
+    queueBegin_ = 0;
+  } else if (queueBegin_ > queueBytes_.size() / 2) {
+    queueBytes_.erase(0, std::exchange(queueBegin_, 0));
+  }
   for (size_t i = 0; error != 0 && i < count; ++i)
     answer(first + static_cast<uint32_t>(i), error, "not sent");
   return true;
@@ -303,49 +312,68 @@ bool NetlinkSocket::waitForDump(double seconds) {
 // --- reading ------------------------------------------------------------------------------------
 
 void NetlinkSocket::read() {
-  for (int i = 0; i < kDatagramsPerRead; ++i)
-    if (!readDatagram()) return;
+  for (int left = kDatagramsPerRead; left > 0;) {
+    const int count = readDatagrams();
+    if (count < 0) return;
+    left -= count;
+  }
   if (dumpIsDue()) flush_->wake();
 }
 
-// False when there is none.
-bool NetlinkSocket::readDatagram() {
-  sockaddr_nl from{};
-  iovec piece{buffer_.data(), buffer_.size()};
-  msghdr header{};
-  header.msg_name = &from;
-  header.msg_namelen = sizeof from;
-  header.msg_iov = &piece;
-  header.msg_iovlen = 1;
-  ssize_t n = recvmsg(fd_, &header, MSG_DONTWAIT | MSG_TRUNC);
-  if (n < 0) {
+// How many there were; less than 0 when the socket is empty.
+int NetlinkSocket::readDatagrams() {
+  sockaddr_nl from[kDatagramsPerCall] = {};
+  iovec pieces[kDatagramsPerCall];
+  mmsghdr datagrams[kDatagramsPerCall] = {};
+  for (int i = 0; i < kDatagramsPerCall; ++i) {
+    pieces[i] = {buffers_.data() + static_cast<size_t>(i) * bufferSize_, bufferSize_};
+    datagrams[i].msg_hdr.msg_name = &from[i];
+    datagrams[i].msg_hdr.msg_namelen = sizeof from[i];
+    datagrams[i].msg_hdr.msg_iov = &pieces[i];
+    datagrams[i].msg_hdr.msg_iovlen = 1;
+  }
+  const int count =
+      ::recvmmsg(fd_, datagrams, kDatagramsPerCall, MSG_DONTWAIT | MSG_TRUNC, nullptr);
+  if (count < 0) {
     switch (errno) {
       case EINTR:
-        return true;
+        return 1;
       case ENOBUFS:
         ++counters_.overruns;
         lost();
-        return true;
+        return 1;
       case EAGAIN:
         drained();
-        return false;
+        return -1;
     }
     RYX_TRACE(facility(), 0, "reading failed: " << std::strerror(errno));
     lost();
-    return false;
+    return -1;
   }
+  size_t largest = 0;
+  for (int i = 0; i < count; ++i) {
+    takeDatagram(datagrams[i], static_cast<const char*>(pieces[i].iov_base));
+    largest = std::max(largest, size_t{datagrams[i].msg_len});
+  }
+  if (largest > bufferSize_) {
+    bufferSize_ = NLMSG_ALIGN(largest);
+    buffers_.resize(bufferSize_ * kDatagramsPerCall);
+  }
+  return count;
+}
+
+void NetlinkSocket::takeDatagram(const mmsghdr& datagram, const char* bytes) {
   ++counters_.datagrams;
-  auto size = static_cast<size_t>(n);
-  if (header.msg_namelen >= sizeof from && from.nl_family == AF_NETLINK && from.nl_pid != 0) {
+  const auto* from = static_cast<const sockaddr_nl*>(datagram.msg_hdr.msg_name);
+  if (datagram.msg_hdr.msg_namelen >= sizeof *from && from->nl_family == AF_NETLINK &&
+      from->nl_pid != 0) {
     ++counters_.foreign;
-  } else if (size > buffer_.size()) {
+  } else if (datagram.msg_len > bufferSize_) {
     ++counters_.truncated;
-    buffer_.resize(size);
     lost();
   } else {
-    take(buffer_.data(), size);
+    take(bytes, datagram.msg_len);
   }
-  return true;
 }
 
 // The socket is empty: now a dump's first part fits.

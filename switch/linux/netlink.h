@@ -27,6 +27,8 @@
 #include <string_view>
 #include <vector>
 
+#include <sys/socket.h>
+
 #include "platform/activity/descriptor.h"
 #include "platform/activity/task.h"
 #include "platform/activity/timer.h"
@@ -38,11 +40,12 @@ namespace ryx::kernel {
 class NetlinkSocket {
  public:
   // Named bounds: of requests without an answer; of bytes in a datagram; of datagrams that one
-  // callback reads; of interrupted dumps that are repeated at once, later ones after kRepeatDelay
-  // seconds.
+  // callback, and one system call in it, reads; of interrupted dumps that are repeated at once,
+  // later ones after kRepeatDelay seconds.
   static constexpr size_t kWindow = 512;
   static constexpr size_t kBatchBytes = 32768;
   static constexpr int kDatagramsPerRead = 64;
+  static constexpr int kDatagramsPerCall = 16;
   static constexpr int kImmediateRepeats = 5;
   static constexpr double kRepeatDelay = 0.1;
 
@@ -109,7 +112,7 @@ class NetlinkSocket {
 
  private:
   struct Request {
-    std::string bytes;
+    size_t size;  // of its bytes in queueBytes_, aligned
     Done done;
   };
   struct Sent {
@@ -121,7 +124,8 @@ class NetlinkSocket {
   class Repeat;
 
   void read();
-  bool readDatagram();
+  int readDatagrams();
+  void takeDatagram(const mmsghdr& datagram, const char* bytes);
   void drained();
   void lost();
   void take(const char* bytes, size_t size);
@@ -146,10 +150,13 @@ class NetlinkSocket {
   Client& client_;
   Message dump_;
   Counters counters_;
-  std::vector<char> buffer_;
+  size_t bufferSize_;  // of each datagram
+  std::vector<char> buffers_;
 
   uint32_t sequence_ = 0;  // the last that was given out
   std::deque<Request> queue_;
+  std::string queueBytes_;
+  size_t queueBegin_ = 0;     // of the first one's bytes
   std::deque<Sent> sent_;     // without an answer, in their order
   uint32_t certainFrom_ = 0;  // of earlier ones answers may have been lost
 

@@ -1,7 +1,6 @@
 #include "switch/sim/bfd.h"
 
 #include <map>
-#include <vector>
 
 #include "platform/model/interface.h"
 #include "switch/base/interfaces.h"
@@ -9,16 +8,12 @@
 namespace ryx::sim {
 
 using namespace platform;
-using platform::Bfd::AppPeer;
 using platform::Bfd::PeerKey;
 using platform::Bfd::PeerState;
 using platform::Bfd::PeerType;
 using platform::Bfd::StatusPeer;
-using platform::Interface::IntfStatus;
 
 namespace {
-
-constexpr const char* kApplications = "bfd/config/app";
 
 PeerKey ofAnyType(PeerKey key) {
   key.type = PeerType::normal;
@@ -28,10 +23,9 @@ PeerKey ofAnyType(PeerKey key) {
 }  // namespace
 
 Bfd::Bfd(Tree& tree)
-    : JournalReactor("sim bfd"), tree_(tree), status_(*tree.make<StatusPeer>("bfd/status/peer")) {
-  follow(*tree.make<Dir>(kApplications)->childJournal(), true);
-  follow(*tree.make<Dir>("interface/status")->childJournal(), true);
-}
+    : tree_(tree),
+      status_(*tree.make<StatusPeer>("bfd/status/peer")),
+      requests_(tree, [this](const PeerKey& key) { look(key); }) {}
 
 std::string Bfd::hold(PeerKey peer, const std::string& state) {
   static const std::map<std::string, PeerState> kStates = {{"down", PeerState::down},
@@ -54,24 +48,8 @@ std::string Bfd::hold(PeerKey peer, const std::string& state) {
   return {};
 }
 
-void Bfd::interfaceChanged(IntfId intf) {
-  std::vector<PeerKey> keys;
-  for (auto it = status_.peer.iterator(); it; it.next())
-    if (it.key().intf == intf) keys.push_back(it.key());
-  for (const PeerKey& key : keys) look(key);
-}
-
-void Bfd::onEntity(Entity& entity, Change change) {
-  if (const auto* intf = entity.as<IntfStatus>()) interfaceChanged(intf->key());
-  const auto* asker = entity.as<AppPeer>();
-  if (!asker || change == Change::changed) return;
-  const PeerKey peer = asker->key().peer;
-  if ((askers_[peer] += change == Change::created ? 1 : -1) == 0) askers_.erase(peer);
-  look(peer);
-}
-
 void Bfd::look(const PeerKey& key) {
-  if (!askers_.count(key)) {
+  if (!requests_.has(key)) {
     status_.peer.erase(key);
     return;
   }

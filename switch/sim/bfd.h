@@ -7,33 +7,28 @@
 #pragma once
 
 #include <string>
-#include <unordered_map>
 
-#include "platform/model/bfd.h"
-#include "platform/qel/reactor.h"
+#include "switch/base/bfd_requests.h"
 
 namespace ryx::sim {
 
-class Bfd final : private platform::JournalReactor {
+class Bfd {
  public:
   // `tree` outlives it.
   explicit Bfd(platform::Tree& tree);
+
+  void takeOver() { requests_.takeOver(); }
 
   // Of whatever type the session is. Empty, or what is wrong.
   [[nodiscard]] std::string hold(platform::Bfd::PeerKey peer, const std::string& state);
 
  private:
-  void onEntity(platform::Entity& entity, platform::Change change) override;
-  // It came, went, or has another status.
-  void interfaceChanged(platform::IntfId intf);
   void look(const platform::Bfd::PeerKey& key);
 
   platform::Tree& tree_;
   platform::Bfd::StatusPeer& status_;
-  template <class V>
-  using ByPeer = std::unordered_map<platform::Bfd::PeerKey, V, platform::Bfd::PeerKeyHash>;
-  ByPeer<int> askers_;                     // how many ask for it
-  ByPeer<platform::Bfd::PeerState> held_;  // of the type `normal`, for all types
+  feeds::BfdRequests requests_;
+  feeds::ByBfdPeer<platform::Bfd::PeerState> held_;  // of the type `normal`, for all types
 };
 
 }  // namespace ryx::sim

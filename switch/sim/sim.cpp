@@ -118,6 +118,7 @@ std::string Sim::deleteInterface(const Arguments& arguments) {
 void Sim::takeOver() {
   feeds::eraseIntfsBut(tree_, [this](IntfId intf) { return ports_.count(intf) != 0; });
   addresses_.takeOver();
+  bfd_.takeOver();
 }
 
 std::string Sim::setInternalVlan(const Arguments& arguments) {

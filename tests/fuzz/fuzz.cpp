@@ -47,7 +47,10 @@
 #include "ryx/ip.h"
 #include "switch/hub/config.h"
 #include "switch/hub/keeper.h"
+#include "switch/linux/bfd_session.h"
 #include "switch/linux/intf_map.h"
+#include "switch/linux/kernel_addresses.h"
+#include "switch/linux/kernel_neighbors.h"
 #include "switch/linux/link_message.h"
 #include "switch/sim/sim.h"
 #include "tests/support/json.h"
@@ -343,17 +346,57 @@ inline void fuzzIntfMap(const uint8_t* data, size_t size) {
           "an interface that a name maps to has a device's name");
 }
 
-inline void fuzzLinkMessage(const uint8_t* data, size_t size) {
-  auto block = std::make_unique<char[]>(size);  // of exactly that size, aligned
+// Runs `take` on the bytes as a netlink message, if they are one: of exactly that size, aligned.
+template <class Take>
+void asMessage(const uint8_t* data, size_t size, Take&& take) {
+  auto block = std::make_unique<char[]>(size);
   std::memcpy(block.get(), data, size);
   auto* message = reinterpret_cast<nlmsghdr*>(block.get());
-  if (!mnl_nlmsg_ok(message, static_cast<int>(size))) return;
-  std::optional<kernel::Link> link = kernel::parseLink(*message);
-  if (!link) return;
-  require(link->index > 0 && !link->name.empty(), "a device has an index and a name");
-  require(link->name.find('\0') == std::string::npos, "a name ends at its zero byte");
-  auto code = static_cast<int>(kernel::operStatus(*link));
-  require(code <= 7 && code != 4, "the codes of the table");
+  if (mnl_nlmsg_ok(message, static_cast<int>(size))) take(*message);
+}
+
+inline void fuzzLinkMessage(const uint8_t* data, size_t size) {
+  asMessage(data, size, [](const nlmsghdr& message) {
+    std::optional<kernel::Link> link = kernel::parseLink(message);
+    if (!link) return;
+    require(link->index > 0 && !link->name.empty(), "a device has an index and a name");
+    require(link->name.find('\0') == std::string::npos, "a name ends at its zero byte");
+    auto code = static_cast<int>(kernel::operStatus(*link));
+    require(code <= 7 && code != 4, "the codes of the table");
+  });
+}
+
+inline void fuzzAddressMessage(const uint8_t* data, size_t size) {
+  asMessage(data, size, [](const nlmsghdr& message) {
+    const auto event = kernel::parseAddress(message);
+    if (!event) return;
+    require(event->address.index > 0, "an address has a device");
+    require(event->address.addr.isValid() && !event->address.addr.addr().isNull(),
+            "an address is one");
+    const auto again = kernel::parseAddress(*kernel::setAddress(event->address).header());
+    require(again && again->address.addr == event->address.addr, "what is set is what was read");
+  });
+}
+
+inline void fuzzNeighborMessage(const uint8_t* data, size_t size) {
+  asMessage(data, size, [](const nlmsghdr& message) {
+    const auto event = kernel::parseNeighbor(message);
+    if (!event) return;
+    require(event->neighbor.index > 0, "a neighbour has a device");
+    require(event->neighbor.addr.isValid() && !event->neighbor.addr.isNull(),
+            "a neighbour has an address");
+    require(!event->exists || event->neighbor.mac != platform::MacAddr(),
+            "one that is there has a MAC address");
+  });
+}
+
+inline void fuzzBfdPacket(const uint8_t* data, size_t size) {
+  const auto packet = kernel::parseBfd(textOf(data, size));
+  if (!packet) return;
+  require(packet->myDiscriminator != 0 && packet->detectMult != 0, "a packet is from somebody");
+  const auto bytes = packet->bytes();
+  const auto again = kernel::parseBfd(textOf(bytes.data(), bytes.size()));
+  require(again && again->bytes() == bytes, "what is sent is what was read");
 }
 
 inline constexpr FuzzTarget kFuzzTargets[] = {
@@ -364,6 +407,9 @@ inline constexpr FuzzTarget kFuzzTargets[] = {
     {"sim-command", fuzzSimCommand},
     {"intf-map", fuzzIntfMap},
     {"link-message", fuzzLinkMessage},
+    {"address-message", fuzzAddressMessage},
+    {"neighbor-message", fuzzNeighborMessage},
+    {"bfd-packet", fuzzBfdPacket},
     {"hub", fuzzHub},
     {"client", fuzzClient},
     {"state-file", fuzzStateFile},

@@ -14,6 +14,7 @@
 
 #include "platform/model/bfd.h"
 #include "ryx/panic.h"
+#include "switch/hub/supervisor.h"
 #include "switch/sim/sim.h"
 #include "tests/support/random_runs.h"
 #include "tests/support/statehub_fixture.h"
@@ -210,6 +211,28 @@ TEST_P(BfdTest, TimersAndTheirRanges) {
       EXPECT_STREQ("VrfName::bytes > VrfName::maxLength not allowed", e.what());
     }
   EXPECT_EQ(1u, asked());
+}
+
+TEST_P(BfdTest, TheRequestsOfAnAgentGoWithIt) {
+  TestSdk sdks[] = {{*this, "a"}, {*this, "b"}};
+  const bfd_session_key_t both(v4(1), "red", BFD_SESSION_TYPE_MULTIHOP, intf_id_t()),
+      one(v4(2), "default", BFD_SESSION_TYPE_MULTIHOP, intf_id_t());
+  for (TestSdk& sdk : sdks) {
+    bfd_session_mgr* mgr = sdk.get_bfd_session_mgr();
+    sdk.start();
+    mgr->session_set(both);
+  }
+  sdks[0].get_bfd_session_mgr()->session_set(one);
+  settle();
+  EXPECT_EQ(3u, asked());
+  {
+    const AsSwitch writes(*this);
+    hub::purgeAgent(tree(), "a");
+  }
+  settle();
+  EXPECT_EQ(1u, asked());
+  EXPECT_TRUE(sdks[1].get_bfd_session_mgr()->exists(both));
+  EXPECT_FALSE(sdks[1].get_bfd_session_mgr()->exists(one));
 }
 
 // Random requests of two agents, held states and interfaces: what a handler was told is what there

@@ -11,6 +11,7 @@
 
 #include "platform/activity/timer.h"
 #include "platform/base/clock.h"
+#include "platform/model/bfd.h"
 #include "platform/model/wellknown.h"
 #include "platform/statehub/authority.h"
 #include "platform/trace/trace.h"
@@ -487,7 +488,23 @@ void Supervisor::silent(const std::string& name) {
 
 // --- what an agent left -------------------------------------------------------------------------
 
+namespace {
+
+// Of the sessions that agents ask for together, each agent's requests bear its name.
+void purgeBfdRequests(Tree& tree, const std::string& agent) {
+  std::vector<Ref<Entity>> own;
+  for (CollectionIterator app(tree.find<Dir>("bfd/config/app")->entry); app; app.next())
+    if (auto* config = app.get()->as<Bfd::AppConfig>())
+      for (auto vrf = config->vrf.iterator(); vrf; vrf.next())
+        for (auto peer = vrf->peer.iterator(); peer; peer.next())
+          if (peer.key().agent == agent) own.emplace_back(peer.get());
+  for (const Ref<Entity>& e : own) EntityOps::remove(*e);
+}
+
+}  // namespace
+
 void purgeAgent(Tree& tree, const std::string& name) {
+  purgeBfdRequests(tree, name);
   const Participant agent(Role::agent, name);
   for (const WellKnown& place : wellKnown()) {
     if (place.access != Access::agentOwn) continue;

@@ -75,7 +75,8 @@ class Supervisor final : private platform::JournalReactor {
   bool servicesStop_ = false;
 };
 
-// Takes away all that the agent of that name left in the state, in every place of agents.
+// Takes away all that the agent of that name left in the state, in every place of agents, and the
+// BFD sessions that it asked for. What it configured of what agents share, of interfaces, stays.
 void purgeAgent(platform::Tree& tree, const std::string& name);
 
 }  // namespace ryx::hub

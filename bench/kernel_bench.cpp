@@ -176,10 +176,14 @@ void addresses(uint32_t count) {
   const int index = static_cast<int>(::if_nametoindex("eth2"));
   // A subnet each, as routed interfaces have them; beside each other on one, which is the worst.
   const auto addr = [](uint32_t n) { return IpAddrMask(IpAddr::v4(0x14000001 + n * 4), 30); };
+  // As somebody else sets it: without this switch's mark, which is the last attribute.
+  const auto foreign = [&](uint32_t n) {
+    Message message = setAddress({index, addr(n), true, false});
+    message.header()->nlmsg_len -= 8;
+    return message;
+  };
   const char* const flush = "ip addr flush dev eth2 scope global > /dev/null";
-  say("by raw netlink", rawNetlink(count, [&](uint32_t n) {
-        return setAddress({index, addr(n), true, false});
-      }));
+  say("by raw netlink", rawNetlink(count, foreign));
   shell(flush);
   say("by ip -batch",
       ipBatch(count, [&](uint32_t n) { return "addr add " + addr(n).toString() + " dev eth2"; }));
@@ -215,7 +219,7 @@ void addresses(uint32_t count) {
   until([&] { return heard.gone == heard.come; });
   say("taken away by an agent", seconds() - start);
   start = seconds();
-  rawNetlink(count, [&](uint32_t n) { return setAddress({index, addr(n), true, false}); });
+  rawNetlink(count, foreign);
   until([&] { return heard.come == 2 * count; });
   say("added by another, heard", seconds() - start);
 }

@@ -32,6 +32,7 @@ using platform::Change;
 using platform::Dir;
 using platform::Entity;
 using platform::Name;
+using platform::VrfName;
 using platform::Bfd::AppConfig;
 using platform::Bfd::AppVrfConfig;
 using platform::Bfd::ConfigIntf;
@@ -44,7 +45,6 @@ using platform::Bfd::PeerStatus;
 using platform::Bfd::PeerType;
 using platform::Bfd::StatusPeer;
 using platform::Bfd::Timers;
-using platform::Bfd::VrfName;
 
 constexpr const char* kApplication = "ryxsdk";
 

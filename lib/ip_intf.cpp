@@ -257,7 +257,7 @@ class IpIntfMgrImpl final : public ip_intf_mgr, public mount_handler {
   void doMounts(mount_group& group) override {
     group.add("ip/config", "Ip::Config", "w");
     group.add("ip/status", "Ip::Status", "r");
-    group.add("ip/vrf/config", "Ip::VrfConfig", "r");
+    group.add("ip/vrf/intf", "Ip::IntfVrfConfig", "r");
     group.add("ip6/config", "Ip6::Config", "w");
     group.add("ip6/status", "Ip6::Status", "r");
     group.add("vlan/internal", "IntfVlanId::Table", "r");
@@ -269,7 +269,7 @@ class IpIntfMgrImpl final : public ip_intf_mgr, public mount_handler {
     ipStatus_ = em->find<platform::Ip::Status>("ip/status");
     ip6Status_ = em->find<platform::Ip6::Status>("ip6/status");
     vlans_ = em->find<VlanTable>("vlan/internal");
-    assignment_.emplace(*ip_, *ip6_, *em->find<platform::Ip::VrfConfig>("ip/vrf/config"));
+    vrfs_ = em->find<platform::Ip::IntfVrfConfig>("ip/vrf/intf");
     sm_ = std::make_unique<IpIntfMgrSm>(*this, *ipStatus_, *ip6Status_, *vlans_);
   }
 
@@ -411,6 +411,7 @@ class IpIntfMgrImpl final : public ip_intf_mgr, public mount_handler {
   // Raises the error for the first of those that join that overlaps.
   void checkAssignment(IntfId intf, const std::vector<IpAddrMask>& leaving,
                        const std::vector<IpAddrMask>& joining) {
+    if (!assignment_) assignment_.emplace(*ip_, *ip6_, *vrfs_);
     if (const auto refused = assignment_->refused(intf, leaving, joining))
       panic(address_overlap_error(convert(*refused)));
   }
@@ -459,8 +460,9 @@ class IpIntfMgrImpl final : public ip_intf_mgr, public mount_handler {
   platform::Ip6::Config* ip6_ = nullptr;
   platform::Ip::Status* ipStatus_ = nullptr;
   platform::Ip6::Status* ip6Status_ = nullptr;
+  platform::Ip::IntfVrfConfig* vrfs_ = nullptr;
   VlanTable* vlans_ = nullptr;
-  std::optional<AddressAssignment> assignment_;
+  std::optional<AddressAssignment> assignment_;  // of an agent that configures
   std::unique_ptr<IpIntfMgrSm> sm_;
 };
 

@@ -132,11 +132,5 @@ void sdk::init_system_mgr() {
 system_mgr* sdk::get_system_mgr() {
   return get(system_mgr_, &sdk::init_system_mgr, {});
 }
-void sdk::init_vrf_mgr() {
-  unbuilt("vrf_mgr");
-}
-vrf_mgr* sdk::get_vrf_mgr() {
-  return get(vrf_mgr_, &sdk::init_vrf_mgr, {});
-}
 
 }  // namespace ryx

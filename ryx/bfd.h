@@ -170,7 +170,8 @@ class RYX_API bfd_session_mgr : public base_mgr<bfd_session_handler, bfd_session
   virtual bfd_session_iter_t session_iter() const = 0;
 
   /// Asks for the session. It may be at an interface that the switch does not have yet. Asking
-  /// again changes nothing.
+  /// again changes nothing. One that the switch cannot speak is there, and down: a Linux machine
+  /// speaks single hop (RFC 5881) and multihop (RFC 5883) sessions, in the default VRF.
   virtual void session_set(const bfd_session_key_t& key) = 0;
   /// Asks for it no more. It goes when no agent does.
   virtual void session_del(const bfd_session_key_t& key) = 0;

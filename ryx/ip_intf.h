@@ -67,7 +67,7 @@ class RYX_API ip_intf_handler : public base_handler<ip_intf_mgr, ip_intf_handler
 ///
 /// **Overlap.** An address is refused, by an address_overlap_error that has it, when
 ///  - its subnet overlaps that of an address that is configured for another interface of the same
-///    VRF. The state says at "ip/vrf/config" which VRF an interface is in; where it says nothing,
+///    VRF. The state says at "ip/vrf/intf" which VRF an interface is in; where it says nothing,
 ///    it is in "default".
 ///  - the interface has the address under another mask.
 ///  - its subnet is wider than that of an address of the interface, and not inside that of another.

@@ -28,5 +28,6 @@
 #include <ryx/subintf.h>
 #include <ryx/timer.h>
 #include <ryx/tracing.h>
+#include <ryx/vrf.h>
 
 #endif  // RYX_RYX_H

@@ -49,6 +49,8 @@ class RYX_API simulated_switch {
   ///
   ///     interface-add INTF [kernel-name]       interface-del INTF
   ///     oper-status INTF CODE                  (1 up, 2 down)
+  ///     vrf-add NAME                           vrf-del NAME
+  ///     vrf-state NAME STATE                   (initializing, active, deleting)
   ///     internal-vlan INTF VLAN                (0: none any more)
   ///     neighbor-learn IP INTF MAC             neighbor-age IP INTF
   ///     bfd-peer IP VRF INTF|- STATE           (down, init, up, admin-down, other; auto)

@@ -236,7 +236,7 @@ TEST_P(IpIntfTest, WhatOverlapsIsRefused) {
   // In another VRF it may stand; moved back, it blocks what comes later.
   const auto vrfIs = [&](const char* intf, const char* vrf) {
     const AsSwitch writes(*this);
-    find<platform::Ip::VrfConfig>("ip/vrf/config")
+    find<platform::Ip::IntfVrfConfig>("ip/vrf/intf")
         ->intf.create(id(intf))
         ->vrf.set(platform::Name(vrf));
     settle();
@@ -553,8 +553,10 @@ class Random {
         break;
     }
     EXPECT_EQ(textOf(model), textOf(mgr(agent).ip_addrs(intf)));
-    for (auto& [name, set] : stayed_)
-      std::erase_if(set, [&](const auto& one) { return !model_[name].count(one); });
+    for (auto& [name, set] : stayed_) {
+      const Set& now = model_[name];
+      std::erase_if(set, [&](const auto& one) { return !now.count(one); });
+    }
   }
 
   // One attribute of one status, or one whole status that goes, or comes back.

@@ -25,7 +25,6 @@ namespace {
 using namespace platform;
 using platform::Bfd::PeerKey;
 using platform::Bfd::PeerType;
-using platform::Bfd::VrfName;
 using test::NetNs;
 
 IntfId id(const std::string& name) {

@@ -26,8 +26,8 @@ using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
 const std::string kCommands =
-    "interface-add, interface-del, oper-status, internal-vlan, neighbor-learn, neighbor-age, "
-    "bfd-peer";
+    "interface-add, interface-del, oper-status, vrf-add, vrf-state, vrf-del, internal-vlan, "
+    "neighbor-learn, neighbor-age, bfd-peer";
 
 IntfId id(const std::string& name) {
   IntfId intf;

@@ -34,7 +34,7 @@ class AddressAssignment::Follower final : public Cursor {
   bool overrun_ = false;
 };
 
-AddressAssignment::AddressAssignment(Ip::Config& ip, Ip6::Config& ip6, Ip::VrfConfig& vrfs)
+AddressAssignment::AddressAssignment(Ip::Config& ip, Ip6::Config& ip6, Ip::IntfVrfConfig& vrfs)
     : ip_(ip), ip6_(ip6), vrfs_(vrfs) {
   for (Journal* journal : {&ip.journal, &ip6.journal, &vrfs.journal})
     followers_.push_back(std::make_unique<Follower>(*journal));

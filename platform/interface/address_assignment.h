@@ -7,7 +7,7 @@
 //    address there, or lie inside it, but may not be wider than what is there.
 //
 // Management interfaces are treated like all others. Which VRF an interface is in says
-// "ip/vrf/config"; without a word there it is "default". What is active and not configured does not
+// "ip/vrf/intf"; without a word there it is "default". What is active and not configured does not
 // count.
 //
 // It keeps an index of the subnets, which it brings up to date when it is asked, from the journals
@@ -31,7 +31,7 @@ namespace ryx::platform {
 class RYX_PRIVATE AddressAssignment {
  public:
   // The three outlive it.
-  AddressAssignment(Ip::Config& ip, Ip6::Config& ip6, Ip::VrfConfig& vrfs);
+  AddressAssignment(Ip::Config& ip, Ip6::Config& ip6, Ip::IntfVrfConfig& vrfs);
   ~AddressAssignment();
 
   // Whether the interface may have those addresses that join, one after the other, when those that
@@ -56,7 +56,7 @@ class RYX_PRIVATE AddressAssignment {
 
   Ip::Config& ip_;
   Ip6::Config& ip6_;
-  Ip::VrfConfig& vrfs_;
+  Ip::IntfVrfConfig& vrfs_;
   std::unordered_map<IntfId, Known> known_;
   std::map<Name, Subnets> subnets_;
   std::unordered_set<IntfId> stale_;

@@ -5,18 +5,12 @@
 #include <string>
 
 #include "platform/qel/dir.h"
-#include "platform/types/bounded_bytes.h"
 #include "platform/types/bounded_number.h"
 #include "platform/types/intf.h"
 #include "platform/types/ip.h"
+#include "platform/types/vrf_name.h"
 
 namespace ryx::platform::Bfd {
-
-struct VrfNameBound {
-  static constexpr size_t kMaxBytes = 100;
-  static constexpr const char* kTooLong = "VrfName::bytes > VrfName::maxLength not allowed";
-};
-using VrfName = BoundedBytes<VrfNameBound>;
 
 struct IntervalBound {
   static constexpr uint32_t kMin = 50, kMax = 60'000;

@@ -1,5 +1,5 @@
 // Addresses of interfaces: which are configured ("ip/config", "ip6/config"), which are active
-// ("ip/status", "ip6/status"), in which VRF an interface is ("ip/vrf/config"); and which VLANs
+// ("ip/status", "ip6/status"), in which VRF an interface is ("ip/vrf/intf"); and which VLANs
 // carry routed interfaces inside the switch ("vlan/internal").
 //
 // Configuration may be there before its interface is. Status is the switch side's: there is one
@@ -50,8 +50,8 @@ struct IntfVrf : EntityType<IntfVrf> {
   Key<IntfId> key;
   Attr<"vrf", Name, kPersistent> vrf;
 };
-struct VrfConfig : JournalRootType<VrfConfig> {
-  static constexpr const char* kTypeName = "Ip::VrfConfig";
+struct IntfVrfConfig : JournalRootType<IntfVrfConfig> {
+  static constexpr const char* kTypeName = "Ip::IntfVrfConfig";
   Key<Name> key;
   Collection<"intf", IntfVrf> intf;
 };

@@ -12,6 +12,7 @@
 #include "platform/model/routing.h"
 #include "platform/model/sim.h"
 #include "platform/model/statehub.h"
+#include "platform/model/vrf.h"
 
 namespace ryx::platform {
 
@@ -63,10 +64,16 @@ const std::vector<WellKnown>& wellKnown() {
       {"ip/status", &typeOf<Ip::Status>, Access::service},
       config("ip6/config", &typeOf<Ip6::Config>),
       {"ip6/status", &typeOf<Ip6::Status>, Access::service},
-      {.path = "ip/vrf/config",
-       .type = &typeOf<Ip::VrfConfig>,
+      {.path = "ip/vrf/intf",
+       .type = &typeOf<Ip::IntfVrfConfig>,
        .access = Access::operators,
        .persists = Persists::values},
+      {.path = "ip/vrf/config",
+       .type = &typeOf<Ip::AllVrfConfig>,
+       .access = Access::operators,
+       .persists = Persists::entities},
+      {"ip/vrf/status/global", &typeOf<Ip::AllVrfStatusGlobal>, Access::service},
+      {"ip/vrf/status/local", &typeOf<Ip::AllVrfStatusLocal>, Access::service},
       {"vlan/internal", &typeOf<IntfVlanId::Table>, Access::service},
       {"arp/input/config", &typeOf<Dir>, Access::agentOwn, 1, true},
       config("bfd/config/app", &typeOf<Dir>),

@@ -16,8 +16,8 @@ class NeighborInputs final : private platform::JournalReactor {
  public:
   using Changed = std::function<void(const platform::Arp::NeighborKey& key)>;
 
-  // `tree` outlives it. `changed` is called from the loop for each key that something happened to,
-  // those that there are first.
+  // `tree` outlives it. `changed` is called at once for each key that there is, and from the loop
+  // for each that something happens to.
   NeighborInputs(platform::Tree& tree, Changed changed);
 
   // Null when nobody configures it. What was not told yet counts for nothing: its end may never be

@@ -1,9 +1,6 @@
 #include "switch/linux/bfd.h"
 
-#include <fcntl.h>
-#include <sched.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +9,7 @@
 #include <utility>
 
 #include "platform/activity/descriptor.h"
+#include "platform/base/socket_in.h"
 #include "platform/model/interface.h"
 #include "platform/trace/trace.h"
 #include "switch/base/interfaces.h"
@@ -56,27 +54,17 @@ sockaddr_storage socketAddress(const IpAddr& addr, uint16_t port, int index, soc
   return storage;
 }
 
-// A socket of the namespace, whichever this thread is in; -1 with errno set.
-int socketIn(int netns, int family) {
-  const int here = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-  struct stat a {
-  }, b{};
-  const bool isElsewhere = here >= 0 && ::fstat(here, &a) == 0 && ::fstat(netns, &b) == 0 &&
-                           (a.st_ino != b.st_ino || a.st_dev != b.st_dev);
-  const bool isIn = !isElsewhere || ::setns(netns, CLONE_NEWNET) == 0;
-  const int fd = isIn ? ::socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0) : -1;
-  const int error = errno;
-  if (isElsewhere && isIn) check(::setns(here, CLONE_NEWNET) == 0, "a thread returns home");
-  if (here >= 0) ::close(here);
-  errno = error;
-  return fd;
-}
-
 bool set(int fd, int level, int option, int value) {
   return ::setsockopt(fd, level, option, &value, sizeof value) == 0;
 }
 
 }  // namespace
+
+// Of the feed's namespace, whichever this thread is in; -1 with errno set.
+int Bfd::udpSocket(int family) const {
+  constexpr int kType = SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC;
+  return namespace_ < 0 ? ::socket(family, kType, 0) : socketIn(namespace_, family, kType, 0);
+}
 
 // --- receiving ----------------------------------------------------------------------------------
 
@@ -93,7 +81,7 @@ class Bfd::Ear final : private Descriptor {
 
   // Null, with errno set.
   static std::unique_ptr<Ear> open(Bfd& bfd, int family, bool isMultihop) {
-    const int fd = socketIn(bfd.namespace_, family);
+    const int fd = bfd.udpSocket(family);
     const bool isIp6 = family == AF_INET6;
     socklen_t size = 0;
     const uint8_t any[16] = {};
@@ -201,7 +189,7 @@ class Bfd::Peer final : private BfdSession::Owner {
   // Its source port stays the same as long as its device does.
   void openSocket() {
     const bool isIp6 = key_.ip.af() == Af::ipv6;
-    fd_ = socketIn(bfd_.namespace_, isIp6 ? AF_INET6 : AF_INET);
+    fd_ = bfd_.udpSocket(isIp6 ? AF_INET6 : AF_INET);
     bool works = fd_ >= 0 && (isIp6 ? set(fd_, IPPROTO_IPV6, IPV6_UNICAST_HOPS, kTtl)
                                     : set(fd_, IPPROTO_IP, IP_TTL, kTtl));
     // The class of what keeps a network together (RFC 4594).
@@ -283,7 +271,7 @@ std::unique_ptr<Bfd> Bfd::start(Tree& tree, Links& links, std::string* error) {
 Bfd::Bfd(Tree& tree, Links& links)
     : tree_(tree),
       status_(*tree.make<StatusPeer>("bfd/status/peer")),
-      namespace_(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)),
+      namespace_(ownNetworkNamespace()),
       requests_(tree, [this](const PeerKey& key) { look(key); }) {
   told_ = links.onDeviceIs([this](int index, IntfId intf) {
     if (const auto before = interfaces_.find(index); before != interfaces_.end()) {
@@ -385,7 +373,7 @@ Bfd::Peer* Bfd::find(const Arrival& arrival, const BfdPacket& packet) const {
     const auto at = byDiscriminator_.find(packet.yourDiscriminator);
     return at != byDiscriminator_.end() && isIts(at->second->key()) ? at->second : nullptr;
   }
-  PeerKey key = {arrival.from, platform::Bfd::VrfName("default"), interfaceOf(arrival.index),
+  PeerKey key = {arrival.from, VrfName("default"), interfaceOf(arrival.index),
                  arrival.isMultihop ? PeerType::multihop : PeerType::normal};
   auto at = peers_.find(key);
   if (at == peers_.end()) {

@@ -63,6 +63,7 @@ class Bfd {
     bool isMultihop = false;
   };
 
+  int udpSocket(int family) const;
   void look(const platform::Bfd::PeerKey& key);
   void arrived(const Arrival& arrival, std::string_view bytes);
   Peer* find(const Arrival& arrival, const BfdPacket& packet) const;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "platform/statehub/local.h"
+#include "switch/base/vrfs.h"
 #include "switch/linux/bfd.h"
 #include "switch/linux/intf_map.h"
 #include "switch/linux/kernel_addresses.h"
@@ -26,6 +27,7 @@ class LinuxFeed final : public Feed {
       error = ryx::kernel::IntfMap::parse(rules, &map);
       if (!error.empty()) return "RYX_INTF_MAP: " + error;
     }
+    ryx::feeds::showDefaultVrf(tree);
     links_ = ryx::kernel::KernelLinks::start(tree, map, &error);
     if (links_) addresses_ = ryx::kernel::KernelAddresses::start(tree, links_->links(), &error);
     if (addresses_) neighbors_ = ryx::kernel::KernelNeighbors::start(tree, links_->links(), &error);

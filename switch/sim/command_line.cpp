@@ -74,6 +74,7 @@ constexpr Kind kKinds[] = {
     {"INTF", intfName, "an interface name, like Ethernet3/1"},
     {"INTF|-", intfOrNone, "an interface name, or - for none"},
     {"VRF", vrfName, "the name of a VRF, at most 100 bytes"},
+    {"NAME", vrfName, "the name of a VRF, at most 100 bytes"},
     {"STATE", word, "a state"},
     {"IP", ipAddress, "an IPv4 or IPv6 address"},
     {"MAC", macAddress, "a MAC address, like 00:1c:73:00:00:01"},

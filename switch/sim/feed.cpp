@@ -38,7 +38,8 @@ class SimFeed final : public Feed {
 extern "C" RYX_PRIVATE const char ryxFeedAbi[] = RYX_VERSION;
 
 extern "C" RYX_PRIVATE const char* const ryxFeedPlaces[] = {
-    "interface/", "ip/", "ip6/", "vlan/", "lag/", "arp/", "bfd/", "switch/sim/", nullptr};
+    "interface/", "ip/",      "ip6/",      "vlan/",       "lag/", "arp/",
+    "bfd/",       "routing/", "routing6/", "switch/sim/", nullptr};
 
 extern "C" RYX_PRIVATE Feed* ryxFeedStart(Tree& tree, const std::string& argument,
                                           std::string* error) {

@@ -31,9 +31,9 @@ class Neighbors {
 
   platform::Tree& tree_;
   platform::mirra::Table<platform::Arp::Status> table_;
-  feeds::NeighborInputs inputs_;
   std::unordered_map<platform::Arp::NeighborKey, platform::MacAddr, platform::Arp::NeighborKeyHash>
       learned_;
+  feeds::NeighborInputs inputs_;
 };
 
 }  // namespace ryx::sim

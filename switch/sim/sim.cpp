@@ -1,8 +1,11 @@
 #include "switch/sim/sim.h"
 
+#include <map>
+
 #include "platform/model/interface.h"
 #include "platform/qel/reactor.h"
 #include "switch/base/interfaces.h"
+#include "switch/base/vrfs.h"
 
 namespace ryx::sim {
 
@@ -52,6 +55,9 @@ const Sim::Command Sim::kCommands[] = {
     {"interface-add", "INTF [kernel-name]", &Sim::addInterface},
     {"interface-del", "INTF", &Sim::deleteInterface},
     {"oper-status", "INTF CODE", &Sim::setOperStatus},
+    {"vrf-add", "NAME", &Sim::addVrf},
+    {"vrf-state", "NAME STATE", &Sim::setVrfState},
+    {"vrf-del", "NAME", &Sim::deleteVrf},
     {"internal-vlan", "INTF VLAN", &Sim::setInternalVlan},
     {"neighbor-learn", "IP INTF MAC", &Sim::learnNeighbor},
     {"neighbor-age", "IP INTF", &Sim::ageNeighbor},
@@ -64,9 +70,15 @@ std::string unknown(IntfId intf) {
   return "there is no interface " + intf.toString() + "; expected one that interface-add made";
 }
 
+std::string unknownVrf(const std::string& name) {
+  return "there is no VRF " + inQuotes(name) + " to change; expected one that vrf-add made";
+}
+
 }  // namespace
 
-Sim::Sim(Tree& tree) : tree_(tree), addresses_(tree), neighbors_(tree), bfd_(tree) {}
+Sim::Sim(Tree& tree) : tree_(tree), addresses_(tree), neighbors_(tree), bfd_(tree) {
+  feeds::showDefaultVrf(tree_);
+}
 
 Sim::~Sim() = default;
 
@@ -117,8 +129,41 @@ std::string Sim::deleteInterface(const Arguments& arguments) {
 
 void Sim::takeOver() {
   feeds::eraseIntfsBut(tree_, [this](IntfId intf) { return ports_.count(intf) != 0; });
+  feeds::eraseVrfsBut(tree_, [this](const VrfName& vrf) {
+    return vrf.bytes() == kDefaultVrf || vrfs_.count(std::string(vrf.bytes())) != 0;
+  });
   addresses_.takeOver();
   bfd_.takeOver();
+}
+
+std::string Sim::addVrf(const Arguments& arguments) {
+  const std::string& name = arguments[0].text;
+  if (name == kDefaultVrf || !vrfs_.insert(name).second)
+    return "there is a VRF " + inQuotes(name) + " already";
+  feeds::showVrf(tree_, VrfName(name), Ip::VrfState::active, "ns-" + name);
+  return {};
+}
+
+std::string Sim::setVrfState(const Arguments& arguments) {
+  static const std::map<std::string, Ip::VrfState> kStates = {
+      {"initializing", Ip::VrfState::initializing},
+      {"active", Ip::VrfState::active},
+      {"deleting", Ip::VrfState::deleting}};
+  const std::string& name = arguments[0].text;
+  if (!vrfs_.count(name)) return unknownVrf(name);
+  const auto state = kStates.find(arguments[1].text);
+  if (state == kStates.end())
+    return "the state " + inQuotes(arguments[1].text) +
+           "; expected initializing, active or deleting";
+  feeds::showVrf(tree_, VrfName(name), state->second, "ns-" + name);
+  return {};
+}
+
+std::string Sim::deleteVrf(const Arguments& arguments) {
+  const std::string& name = arguments[0].text;
+  if (vrfs_.erase(name) == 0) return unknownVrf(name);
+  feeds::eraseVrf(tree_, VrfName(name));
+  return {};
 }
 
 std::string Sim::setInternalVlan(const Arguments& arguments) {

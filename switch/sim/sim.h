@@ -5,6 +5,9 @@
 //   interface-del INTF
 //   oper-status INTF CODE               the platform's code of its operational status, 0 to 255
 //   internal-vlan INTF VLAN             addresses (addresses.h)
+//   vrf-add NAME                        a VRF, active; the one named default is always there
+//   vrf-state NAME STATE                initializing, active, deleting
+//   vrf-del NAME
 //   neighbor-learn IP INTF MAC          neighbours (neighbors.h)
 //   neighbor-age IP INTF
 //   bfd-peer IP VRF INTF|- STATE        BFD sessions (bfd.h)
@@ -17,6 +20,7 @@
 #pragma once
 
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -54,6 +58,9 @@ class Sim {
   std::string addInterface(const Arguments& arguments);
   std::string deleteInterface(const Arguments& arguments);
   std::string setOperStatus(const Arguments& arguments);
+  std::string addVrf(const Arguments& arguments);
+  std::string setVrfState(const Arguments& arguments);
+  std::string deleteVrf(const Arguments& arguments);
   std::string setInternalVlan(const Arguments& arguments);
   std::string learnNeighbor(const Arguments& arguments);
   std::string ageNeighbor(const Arguments& arguments);
@@ -61,6 +68,7 @@ class Sim {
 
   platform::Tree& tree_;
   std::unordered_map<platform::IntfId, std::unique_ptr<Port>> ports_;
+  std::set<std::string> vrfs_;
   Addresses addresses_;
   Neighbors neighbors_;
   Bfd bfd_;

@@ -30,6 +30,8 @@ class DirtyTable : protected platform::Task, private platform::Timer {
   using Entry = typename KeyTable<K, platform::Ref<T>>::Entry;
   using Iterator = typename KeyTable<K, platform::Ref<T>>::Iterator;
 
+  // Null when the key is not dirty.
+  Entry* find(const K& key) const { return entries_.find(key); }
   bool isDirty(const K& key) const { return entries_.contains(key); }
   // Null when there is none: the key is not dirty, or is to be deleted.
   T* copy(const K& key) const {

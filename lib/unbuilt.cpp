@@ -60,12 +60,6 @@ void sdk::init_intf_counter_mgr() {
 intf_counter_mgr* sdk::get_intf_counter_mgr() {
   return get(intf_counter_mgr_, &sdk::init_intf_counter_mgr, {});
 }
-void sdk::init_ip_route_mgr() {
-  unbuilt("ip_route_mgr");
-}
-ip_route_mgr* sdk::get_ip_route_mgr() {
-  return get(ip_route_mgr_, &sdk::init_ip_route_mgr, {});
-}
 void sdk::init_lldp_mgr() {
   unbuilt("lldp_mgr");
 }

@@ -18,8 +18,10 @@
 #include <ryx/intf_mgr_helper.h>
 #include <ryx/ip.h>
 #include <ryx/ip_intf.h>
+#include <ryx/ip_route.h>
 #include <ryx/iter_base.h>
 #include <ryx/mount.h>
+#include <ryx/mpls.h>
 #include <ryx/neighbor_table.h>
 #include <ryx/panic.h>
 #include <ryx/print_profiles.h>

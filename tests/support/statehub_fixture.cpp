@@ -29,6 +29,7 @@ void clear(platform::Tree& tree) {
     }
     platform::EntityOps::copyAttributes(*entity, *platform::EntityOps::make(entity->type()));
   }
+  platform::makeWellKnown(tree);  // what always stands in one of them
 }
 
 }  // namespace

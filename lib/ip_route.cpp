@@ -20,11 +20,11 @@
 #include "lib/iter_impl.h"
 #include "lib/mounts.h"
 #include "lib/resync.h"
+#include "platform/model/mpls.h"
 #include "platform/model/routing.h"
 #include "platform/qel/dir.h"
 #include "platform/qel/reactor.h"
 #include "platform/trace/trace.h"
-#include "platform/types/bounded_number.h"
 #include "platform/types/vrf_name.h"
 #include "ryx/panic.h"
 
@@ -96,13 +96,6 @@ const Name& defaultVrf() {
 
 // --- convert ------------------------------------------------------------------------------------
 
-struct MplsLabelBound {
-  static constexpr uint32_t kMin = 0, kMax = 8'388'608;
-  static constexpr const char* kOutOfRange =
-      "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed";
-};
-using MplsLabel = platform::BoundedNumber<MplsLabelBound>;
-
 RouteKey convert(const ip_route_key_t& key) {
   return {ryx::convert(key.prefix()), key.preference()};
 }
@@ -137,7 +130,7 @@ Via convert(const ip_route_via_t& via) {
   result.hop = ryx::convert(via.hop());
   result.intf = ryx::convert(via.intf());
   if (via.mpls_label() != mpls_label_t())
-    result.mplsLabel = MplsLabel(via.mpls_label().label()).value();
+    result.mplsLabel = platform::Mpls::Label(via.mpls_label().label()).value();
   const bool hasVtep = via.vtep_addr().af() != AF_NULL, hasVni = via.vni() != 0,
              hasMac = via.router_mac() != eth_addr_t();
   if (hasVtep != hasVni || hasVni != hasMac) {

@@ -33,6 +33,15 @@ class Resync {
     return entry ? &entry->value : nullptr;
   }
 
+  // All of it, for a table that is written directly: what was not declared goes.
+  template <class Entries>
+  void eraseUndeclared(Entries& entries) {
+    checkOn();
+    for (auto it = entries.iterator(); it; it.next())
+      if (!declared_.contains(it.key())) entries.remove(*it);
+    end();
+  }
+
   // Raises the error when it was not started.
   void checkOn() const {
     if (!isOn_) panic("Resync mode was not initialized; cannot complete resync");

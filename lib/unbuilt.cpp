@@ -30,12 +30,6 @@ void sdk::init_class_map_mgr() {
 class_map_mgr* sdk::get_class_map_mgr() {
   return get(class_map_mgr_, &sdk::init_class_map_mgr, {});
 }
-void sdk::init_decap_group_mgr() {
-  unbuilt("decap_group_mgr");
-}
-decap_group_mgr* sdk::get_decap_group_mgr() {
-  return get(decap_group_mgr_, &sdk::init_decap_group_mgr, {});
-}
 void sdk::init_eth_phy_intf_counter_mgr() {
   unbuilt("eth_phy_intf_counter_mgr");
 }
@@ -89,12 +83,6 @@ void sdk::init_mpls_route_mgr() {
 }
 mpls_route_mgr* sdk::get_mpls_route_mgr() {
   return get(mpls_route_mgr_, &sdk::init_mpls_route_mgr, {});
-}
-void sdk::init_mpls_vrf_label_mgr() {
-  unbuilt("mpls_vrf_label_mgr");
-}
-mpls_vrf_label_mgr* sdk::get_mpls_vrf_label_mgr() {
-  return get(mpls_vrf_label_mgr_, &sdk::init_mpls_vrf_label_mgr, {});
 }
 void sdk::init_nexthop_group_mgr() {
   unbuilt("nexthop_group_mgr");

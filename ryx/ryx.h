@@ -6,6 +6,7 @@
 #include <ryx/base_handler.h>
 #include <ryx/base_mgr.h>
 #include <ryx/bfd.h>
+#include <ryx/decap_group.h>
 #include <ryx/eth.h>
 #include <ryx/eth_intf.h>
 #include <ryx/eth_lag_intf.h>
@@ -22,6 +23,7 @@
 #include <ryx/iter_base.h>
 #include <ryx/mount.h>
 #include <ryx/mpls.h>
+#include <ryx/mpls_vrf_label.h>
 #include <ryx/neighbor_table.h>
 #include <ryx/panic.h>
 #include <ryx/print_profiles.h>

@@ -6,9 +6,11 @@
 #include "platform/model/agent.h"
 #include "platform/model/arp.h"
 #include "platform/model/bfd.h"
+#include "platform/model/decap.h"
 #include "platform/model/interface.h"
 #include "platform/model/ip.h"
 #include "platform/model/lldp.h"
+#include "platform/model/mpls.h"
 #include "platform/model/routing.h"
 #include "platform/model/sim.h"
 #include "platform/model/statehub.h"
@@ -79,6 +81,8 @@ const std::vector<WellKnown>& wellKnown() {
       config("bfd/config/app", &typeOf<Dir>),
       config("bfd/config/intf", &typeOf<Bfd::ConfigIntf>),
       {"bfd/status/peer", &typeOf<Bfd::StatusPeer>, Access::service},
+      {"routing/mpls/vrfLabel/input/dynamic", &typeOf<Dir>, Access::agentOwn, 1, true},
+      {"routing/tunneldecap/input/dynamic", &typeOf<Dir>, Access::agentOwn, 1, true},
       {"routing/vrf/input", &typeOf<Dir>, Access::agentOwn, 2, true},
       {"routing6/vrf/input", &typeOf<Dir>, Access::agentOwn, 2, true},
   };
@@ -116,6 +120,8 @@ void registerModel() {
   typeOf<Interface::EthPhyIntfConfigDir>();
   typeOf<Interface::EthPhyIntfStatusDir>();
   typeOf<Routing::RouteInput>();
+  typeOf<Mpls::VrfLabelConfigInput>();
+  typeOf<Tunnel::Decap::ConfigInput>();
   typeOf<Arp::ArpInputConfig>();
   typeOf<Bfd::AppConfig>();
   typeOf<Acl::Input::Config>();

@@ -1,0 +1,196 @@
+// Decapsulation groups: the agent's own, in an input of its own.
+#include "ryx/decap_group.h"
+
+#include <memory>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <tuple>
+
+#include "lib/context.h"
+#include "lib/convert.h"
+#include "lib/guard.h"
+#include "lib/iter_impl.h"
+#include "lib/mounts.h"
+#include "lib/resync.h"
+#include "platform/model/decap.h"
+#include "platform/trace/trace.h"
+#include "ryx/panic.h"
+
+namespace ryx {
+
+class decap_group_iter_impl : public chained_iter_impl<decap_group_t> {};
+template class iter_base<decap_group_t, decap_group_iter_impl>;
+
+namespace {
+
+using platform::Name;
+using platform::Tunnel::Decap::ConfigInput;
+using platform::Tunnel::Decap::DecapGroup;
+using platform::Tunnel::Decap::TunnelType;
+
+platform::TraceFacility& trace() {
+  static auto& facility = platform::TraceFacility::named("RyxSdkDecapGroup");
+  return facility;
+}
+
+decap_group_t convert(const DecapGroup& group) {
+  return {std::string(group.key().view()), ryx::convert(group.destinationAddr()),
+          static_cast<decap_protocol_type_t>(group.tunnelType())};
+}
+
+// Raises the error for a group that there cannot be.
+void check(const decap_group_t& group) {
+  if (group.group_name().empty())
+    panic(invalid_argument_error("group.group_name()", "Empty decap group name"));
+  if (group.destination_addr().af() != AF_IPV4)
+    panic(invalid_argument_error("group.destination_addr()",
+                                 "only IPv4 destination addresses are supported"));
+  if (group.protocol_type() == PROTOCOL_TYPE_NULL)
+    panic(invalid_argument_error("group.protocol_type()",
+                                 "must pass a tunnel protocol other than PROTOCOL_TYPE_NULL"));
+  if (group.protocol_type() != PROTOCOL_TYPE_GRE) {
+    std::ostringstream text;
+    text << "Unsupported protocol type for decap group " << group.protocol_type();
+    panic(unsupported_error(text.str()));
+  }
+}
+
+}  // namespace
+
+class DecapGroupMgrImpl final : public decap_group_mgr, public mount_handler {
+ public:
+  explicit DecapGroupMgrImpl(mount_mgr* mounts) : mount_handler(mounts) {}
+
+  void doMounts(mount_group& group) override {
+    group.add(inputPath(), "Tunnel::Decap::ConfigInput", "cwS");
+  }
+  void onMountsComplete(entity_manager& em) override {
+    RYX_TRACE(trace(), 1, "DecapGroupMgrImpl: all mounts completed");
+    input_ = em->find<ConfigInput>(inputPath());
+  }
+
+  void resync_init() override {
+    RYX_TRACE_ENTRY(trace(), 7, "");
+    const ApiGuard guard(*this);
+    resync_.init();
+  }
+  void resync_complete() override {
+    RYX_TRACE_ENTRY(trace(), 7, "");
+    const ApiGuard guard(*this);
+    resync_.eraseUndeclared(input_->decapGroup);
+  }
+
+  decap_group_iter_t decap_group_iter() const override {
+    RYX_TRACE_ENTRY(trace(), 7, "");
+    const ApiGuard guard(*this);
+    auto iter = std::make_unique<decap_group_iter_impl>();
+    iter->add_iter(elementSource<decap_group_t>(input_->decapGroup.iterator(),
+                                                [](const auto& it) { return convert(*it); }));
+    iter->initialize();
+    return decap_group_iter_t(iter.release());
+  }
+  void decap_group_set(const decap_group_t& group) override {
+    RYX_TRACE_ENTRY(trace(), 7, " group=" << group);
+    const ApiGuard guard(*this);
+    check(group);
+    const Name name(group.group_name());
+    if (resync_.isOn()) resync_.declare(name);
+    DecapGroup* there = input_->decapGroup.create(name);
+    there->destinationAddr.set(ryx::convert(group.destination_addr()));
+    there->tunnelType.set(TunnelType::gre);
+  }
+  void decap_group_del(const std::string& group_name) override {
+    RYX_TRACE_ENTRY(trace(), 7, " group_name=" << group_name);
+    const ApiGuard guard(*this);
+    resync_.withdraw(Name(group_name));
+    input_->decapGroup.erase(Name(group_name));
+  }
+  decap_group_t decap_group(const std::string& group_name) const override {
+    RYX_TRACE_ENTRY(trace(), 7, " group_name=" << group_name);
+    const ApiGuard guard(*this);
+    const DecapGroup* there = input_->decapGroup.find(Name(group_name));
+    return there ? convert(*there) : decap_group_t();
+  }
+
+ private:
+  std::string inputPath() const {
+    return "routing/tunneldecap/input/dynamic/" + get_mount_point_name();
+  }
+
+  ConfigInput* input_ = nullptr;
+  Resync<Name, bool> resync_;
+};
+
+// --- the public classes -------------------------------------------------------------------------
+
+std::ostream& operator<<(std::ostream& out, decap_protocol_type_t type) {
+  switch (type) {
+    case PROTOCOL_TYPE_NULL:
+      return out << "PROTOCOL_TYPE_NULL";
+    case PROTOCOL_TYPE_GRE:
+      return out << "PROTOCOL_TYPE_GRE";
+  }
+  return out << static_cast<int>(type);
+}
+
+decap_group_t::decap_group_t() = default;
+decap_group_t::decap_group_t(const std::string& group_name) : group_name_(group_name) {}
+decap_group_t::decap_group_t(const std::string& group_name, const ip_addr_t& destination_addr,
+                             decap_protocol_type_t protocol_type)
+    : group_name_(group_name), destination_addr_(destination_addr), protocol_type_(protocol_type) {}
+const std::string& decap_group_t::group_name() const {
+  return group_name_;
+}
+void decap_group_t::group_name_is(const std::string& group_name) {
+  group_name_ = group_name;
+}
+const ip_addr_t& decap_group_t::destination_addr() const {
+  return destination_addr_;
+}
+void decap_group_t::destination_addr_is(const ip_addr_t& destination_addr) {
+  destination_addr_ = destination_addr;
+}
+decap_protocol_type_t decap_group_t::protocol_type() const {
+  return protocol_type_;
+}
+void decap_group_t::protocol_type_is(decap_protocol_type_t protocol_type) {
+  protocol_type_ = protocol_type;
+}
+bool decap_group_t::operator==(const decap_group_t& other) const {
+  return group_name_ == other.group_name_ && destination_addr_ == other.destination_addr_ &&
+         protocol_type_ == other.protocol_type_;
+}
+bool decap_group_t::operator!=(const decap_group_t& other) const {
+  return !(*this == other);
+}
+bool decap_group_t::operator<(const decap_group_t& other) const {
+  return std::tie(group_name_, destination_addr_, protocol_type_) <
+         std::tie(other.group_name_, other.destination_addr_, other.protocol_type_);
+}
+std::size_t decap_group_t::hash() const {
+  return platform::hashMix(platform::hashBytes(group_name_.data(), group_name_.size()),
+                           destination_addr_.hash() + protocol_type_);
+}
+std::string decap_group_t::to_string() const {
+  std::ostringstream text;
+  text << "decap_group_t(group_name='" << group_name_
+       << "', destination_addr=" << destination_addr_.to_string()
+       << ", protocol_type=" << protocol_type_ << ")";
+  return text.str();
+}
+std::ostream& operator<<(std::ostream& out, const decap_group_t& group) {
+  return out << group.to_string();
+}
+
+decap_group_mgr::decap_group_mgr() = default;
+decap_group_mgr::~decap_group_mgr() = default;
+
+void sdk::init_decap_group_mgr() {
+  if (decap_group_mgr_ == nullptr) create<DecapGroupMgrImpl>(decap_group_mgr_);
+}
+decap_group_mgr* sdk::get_decap_group_mgr() {
+  return get(decap_group_mgr_, &sdk::init_decap_group_mgr, {"decap_group"});
+}
+
+}  // namespace ryx

@@ -107,7 +107,7 @@ class ModelKernel final : public AddressWriter, public test::SlowKernel {
     has[{a.index, a.addr}] = a;
     says([this, a] { addresses->changed(a); });
   }
-  bool isNot(int index, const IpAddrMask& addr) {
+  bool isNot(int index, IpAddrMask addr) {
     if (has.erase({index, addr}) == 0) return false;
     says([this, index, addr] { addresses->gone(index, addr); });
     return true;

@@ -13,6 +13,13 @@
 
 namespace ryx::kernel {
 
+// Whether a message stands whole in that many bytes. mnl_nlmsg_ok() alone takes a length of 2 GiB
+// and more for a negative one.
+inline bool isWhole(const nlmsghdr* message, size_t bytes) {
+  return bytes <= INT32_MAX && mnl_nlmsg_ok(message, static_cast<int>(bytes)) &&
+         message->nlmsg_len <= bytes;
+}
+
 // A message to be sent, built in place.
 class Message {
  public:

@@ -390,7 +390,8 @@ void NetlinkSocket::lost() {
 void NetlinkSocket::take(const char* bytes, size_t size) {
   auto* message = reinterpret_cast<const nlmsghdr*>(bytes);
   auto left = static_cast<int>(size);
-  for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left))
+  for (; left > 0 && isWhole(message, static_cast<size_t>(left));
+       message = mnl_nlmsg_next(message, &left))
     takeMessage(*message);
 }
 

@@ -52,6 +52,7 @@
 #include "switch/linux/kernel_addresses.h"
 #include "switch/linux/kernel_neighbors.h"
 #include "switch/linux/link_message.h"
+#include "switch/linux/message.h"
 #include "switch/sim/sim.h"
 #include "tests/support/json.h"
 
@@ -352,7 +353,7 @@ void asMessage(const uint8_t* data, size_t size, Take&& take) {
   auto block = std::make_unique<char[]>(size);
   std::memcpy(block.get(), data, size);
   auto* message = reinterpret_cast<nlmsghdr*>(block.get());
-  if (mnl_nlmsg_ok(message, static_cast<int>(size))) take(*message);
+  if (kernel::isWhole(message, size)) take(*message);
 }
 
 inline void fuzzLinkMessage(const uint8_t* data, size_t size) {

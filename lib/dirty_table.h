@@ -16,6 +16,9 @@
 // included: an entry may be seen or missed, never invalid.
 #pragma once
 
+#include <algorithm>
+#include <utility>
+
 #include "lib/key_table.h"
 #include "platform/activity/task.h"
 #include "platform/activity/timer.h"
@@ -43,6 +46,11 @@ class DirtyTable : protected platform::Task, private platform::Timer {
     entries_[key] = std::move(copy);
     wake();
   }
+  // The same for one that was found, and was not committed since.
+  void set(Entry& entry, platform::Ref<T> copy) {
+    entry.value = std::move(copy);
+    wake();
+  }
   size_t size() const { return entries_.size(); }
   Iterator iterator() const { return entries_.iterator(); }
 
@@ -59,6 +67,7 @@ class DirtyTable : protected platform::Task, private platform::Timer {
   // For run(): commits as many as the slice allows. A key that a commit makes dirty again is
   // committed again.
   bool commitSome(platform::Slice& slice) {
+    most_ = std::max(most_, size());
     while (Iterator first = iterator()) {
       if (clogged()) {
         deferred();
@@ -70,15 +79,19 @@ class DirtyTable : protected platform::Task, private platform::Timer {
       commit(entry->key(), entry->value.get());
       if (slice.spent()) return true;
     }
+    if (std::exchange(most_, 0) > kKeptKeys) entries_.clear();
     return false;
   }
 
  private:
   static constexpr double kRetrySeconds = 0.001;
+  // After so many, the table's own memory is given back when it is empty.
+  static constexpr size_t kKeptKeys = 4096;
 
   void onTimer() override { wake(); }
 
   KeyTable<K, platform::Ref<T>> entries_;
+  size_t most_ = 0;  // that waited since it was empty
 };
 
 }  // namespace ryx

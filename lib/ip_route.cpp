@@ -211,6 +211,7 @@ class RouteInputsSm final : public platform::JournalReactor {
 
   // Null where there is none.
   RouteInput* find(const Name& vrf) const {
+    if (vrf == defaultVrf() && default_ && default_->alive()) return default_.get();
     const auto* entry = inputs_.find(vrf);
     return entry && entry->value->alive() ? entry->value.get() : nullptr;
   }
@@ -222,6 +223,7 @@ class RouteInputsSm final : public platform::JournalReactor {
 
   IpRouteMgrImpl& mgr_;
   KeyTable<Name, Ref<RouteInput>> inputs_;
+  Ref<RouteInput> default_;  // one of them
 };
 
 class IpRouteMgrSm final : public DirtyTable<DirtyRouteKey, Route> {
@@ -322,7 +324,7 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
     RYX_TRACE_ENTRY(trace(), 7, " key=" << key << " vrf=" << vrf);
     const ApiGuard guard(*this);
     checkFamily(key, "Cannot call ip_route_via_iter() for an unknown address family");
-    const Route* route = current(convert(key, vrf));
+    const Route* route = current(convert(key, vrf)).route;
     if (!route) panic("Cannot call ip_route_via_iter() for nonexistent route");
     auto iter = std::make_unique<ip_route_via_iter_impl>();
     iter->add_iter(std::make_unique<ListSource>(viasOf(*route)));
@@ -337,7 +339,7 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
     RYX_TRACE_ENTRY(trace(), 7, " key=" << key << " vrf=" << vrf);
     const ApiGuard guard(*this);
     checkFamily(key, "Cannot call exists() for an unknown address family");
-    return current(convert(key, vrf)) != nullptr;
+    return current(convert(key, vrf)).route != nullptr;
   }
   bool exists(const ip_route_via_t& via) const override {
     return exists(via, platform::kDefaultVrf);
@@ -346,7 +348,7 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
     RYX_TRACE_ENTRY(trace(), 7, " via=" << via << " vrf=" << vrf);
     const ApiGuard guard(*this);
     checkFamily(via.route_key(), "Cannot call exists() for an unknown address family");
-    const Route* route = current(convert(via.route_key(), vrf));
+    const Route* route = current(convert(via.route_key(), vrf)).route;
     if (!route) return false;
     for (const ip_route_via_t& there : viasOf(*route))
       if (there == via) return true;
@@ -359,7 +361,7 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
     RYX_TRACE_ENTRY(trace(), 7, " key=" << key << " vrf=" << vrf);
     const ApiGuard guard(*this);
     checkFamily(key, "Cannot get a route with an unknown address family");
-    const Route* route = current(convert(key, vrf));
+    const Route* route = current(convert(key, vrf)).route;
     return route ? convert(*route) : ip_route_t();
   }
 
@@ -385,20 +387,20 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
     const DirtyRouteKey key = convert(route.key(), vrf);
     if (resync_.isOn()) resync_.declare(key) = {};
     const RouteType type = convert(action);
-    const Route* before = current(key);
+    const Current before = current(key);
     Ref<Route> copy;
-    if (before && tag_ != 0 && before->tag() != tag_) {
+    if (before.route && tag_ != 0 && before.route->tag() != tag_) {
       RYX_TRACE(trace(), 1,
                 "Overwriting existing route with different tag; clearing nexthop information.");
-      copy = workingCopy(key, type, nullptr);
+      copy = newCopy(key, type, nullptr);
     } else {
-      if (!sm_->copy(key))
+      if (!before.isCopy())
         RYX_TRACE(trace(), 7, "Scheduling route " << key << " with of type " << type);
       copy = workingCopy(key, type, before);
     }
     copy->tag.set(route.tag());
     copy->dynamic.set(true);
-    sm_->set(key, copy);
+    put(key, before, copy);
   }
 
   void ip_route_del(const ip_route_key_t& key) override {
@@ -421,11 +423,11 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
     const ApiGuard guard(*this);
     const RouteType type = typeOf(via);
     const DirtyRouteKey key = convert(via.route_key(), vrf);
-    const Route* before = current(key);
-    if (!before) panic("Cannot set a via on a nonexistent route");
-    if (tag_ != 0 && before->tag() != tag_)
+    const Current before = current(key);
+    if (!before.route) panic("Cannot set a via on a nonexistent route");
+    if (tag_ != 0 && before.route->tag() != tag_)
       panic("Tried to insert a via on route tagged with %d while restricted to tag set %d",
-            static_cast<int>(before->tag()), static_cast<int>(tag_));
+            static_cast<int>(before.route->tag()), static_cast<int>(tag_));
     const Via converted = type == RouteType::forward ? convert(via) : Via();
     const Name group(via.nexthop_group());
     if (Declared* declared = resync_.find(key)) {
@@ -436,7 +438,7 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
     if (type == RouteType::nexthopGroup) copy->nexthopGroup.set(group);
     if (type == RouteType::forward)
       copy->via.edit([&](SmallSet<Via>& vias) { return vias.insert(converted); });
-    sm_->set(key, copy);
+    put(key, before, copy);
   }
 
   void ip_route_via_del(const ip_route_via_t& via) override {
@@ -447,10 +449,10 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
     const ApiGuard guard(*this);
     checkFamily(via.route_key(), "Cannot call ip_route_del() for an unknown address family");
     const DirtyRouteKey key = convert(via.route_key(), vrf);
-    const Route* before = current(key);
-    if (!before) return;
+    const Current before = current(key);
+    if (!before.route) return;
     Declared* declared = resync_.find(key);
-    const Ref<Route> copy = workingCopy(key, before->routeType(), before);
+    const Ref<Route> copy = workingCopy(key, before.route->routeType(), before);
     if (!via.nexthop_group().empty()) {
       const Name group(via.nexthop_group());
       if (copy->nexthopGroup() == group) copy->nexthopGroup.set(Name());
@@ -460,7 +462,7 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
       copy->via.edit([&](SmallSet<Via>& vias) { return vias.erase(converted); });
       if (declared) declared->vias.erase(converted);
     }
-    sm_->set(key, copy);
+    put(key, before, copy);
   }
 
   // --- for the reactors ---
@@ -478,21 +480,29 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
   }
   const RouteInputsSm& inputsOf(Af af) const { return af == Af::ipv4 ? *ip_ : *ip6_; }
 
-  // The working copy, or what is committed and not to be deleted. Null: there is no such route.
-  Route* current(const DirtyRouteKey& key) const {
-    if (const auto* dirty = sm_->find(key)) return dirty->value.get();
-    return committed(key);
-  }
-  Route* committed(const DirtyRouteKey& key) const {
+  // What agents see of a route: the working copy, or what is committed and not to be deleted. And
+  // its dirty entry, if it has one.
+  struct Current {
+    IpRouteMgrSm::Entry* dirty = nullptr;
+    Route* route = nullptr;  // null: there is no such route
+    bool isCopy() const { return dirty && route; }
+  };
+  Current current(const DirtyRouteKey& key) const {
+    if (auto* dirty = sm_->find(key)) return {dirty, dirty->value.get()};
     const RouteInput* there = input(key);
-    return there ? there->route.find(key.routeKey) : nullptr;
+    return {nullptr, there ? there->route.find(key.routeKey) : nullptr};
+  }
+  void put(const DirtyRouteKey& key, const Current& before, const Ref<Route>& copy) {
+    before.dirty ? sm_->set(*before.dirty, copy) : sm_->set(key, copy);
   }
 
-  // A working copy of that type: the one there is, or a new one with all that `before` has, null:
-  // with nothing.
-  Ref<Route> workingCopy(const DirtyRouteKey& key, RouteType type, const Route* before) const {
-    Route* there = before ? sm_->copy(key) : nullptr;
-    if (there && there->routeType() == type) return Ref<Route>(there);
+  // A working copy of that type: the one there is, or a new one.
+  static Ref<Route> workingCopy(const DirtyRouteKey& key, RouteType type, const Current& before) {
+    if (before.isCopy() && before.route->routeType() == type) return Ref<Route>(before.route);
+    return newCopy(key, type, before.route);
+  }
+  // With all that the route has; null: with nothing.
+  static Ref<Route> newCopy(const DirtyRouteKey& key, RouteType type, const Route* before) {
     Ref<Route> copy = platform::make<Route>(key.routeKey);
     copy->routeType.init(type);
     if (before) EntityOps::copyAttributes(*copy, *before);
@@ -507,9 +517,7 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
     for (const Via& via : route.via())
       if (declared.vias.contains(via)) left.insert(via);
     if (!groupGoes && left.size() == route.via().size()) return {};
-    Ref<Route> copy = platform::make<Route>(route.key());
-    copy->routeType.init(route.routeType());
-    EntityOps::copyAttributes(*copy, route);
+    Ref<Route> copy = newCopy({route.key(), {}}, route.routeType(), &route);
     copy->via.set(left);
     if (groupGoes) copy->nexthopGroup.set(Name());
     return copy;
@@ -580,6 +588,7 @@ void RouteInputsSm::vrfCame(Dir& vrf) {
   input->redistributionName.set("Static");
   input->defaultPreference.set(1);
   inputs_[vrf.key()] = Ref<RouteInput>(input);
+  if (vrf.key() == defaultVrf()) default_ = Ref<RouteInput>(input);
 }
 
 bool IpRouteMgrSm::run(Slice& slice) {
@@ -609,10 +618,10 @@ void IpRouteMgrSm::commit(const DirtyRouteKey& key, Route* copy) {
     input->route.erase(key.routeKey);
     route = nullptr;
   }
-  if (!route)
-    route = input->route.create(key.routeKey,
-                                [&](Route& made) { made.routeType.init(copy->routeType()); });
-  if (route) EntityOps::copyAttributes(*route, *copy);
+  if (route)
+    EntityOps::copyAttributes(*route, *copy);
+  else
+    input->route.add(Ref<Entity>(copy));  // nobody needs the copy any more
 }
 
 }  // namespace

@@ -3,10 +3,10 @@
 //
 // What is told is a difference: of the addresses that handlers know at an interface and those that
 // are active. A status that changes in several steps may show an address neither as primary nor as
-// secondary in between, where it only changes from one to the other. So an address that this
-// manager promotes or demotes is moving: until the status shows it as it is configured, it is not
-// told to go. One that is configured no more is not moving, whoever deleted it; and after kPatience
-// what the status shows then holds.
+// secondary in between, where it only changes from one to the other. So an address that the
+// configuration promotes or demotes is moving: until the status shows it as it is configured, it is
+// not told to go. One that is configured no more is not moving, whoever deleted it; and after
+// kPatience what the status shows then holds.
 //
 // (One expectation for each address, and not queues of them: what was overtaken then blocks nothing
 // that comes later.)
@@ -137,12 +137,17 @@ class IpIntfStatusSm final : public AddrStatusSm {
 
   IpIntfStatusSm(IpIntfMgrImpl& mgr, intf_id_t intf) : AddrStatusSm("IpIntfStatusSm", mgr, intf) {}
 
-  // It is going to be primary where it was secondary, or the other way round.
-  void moves(const IpAddrMask& addr, IpIntfConfig& config) {
-    const auto [at, isFirst] = moving_.emplace(addr, Road::oneWay);
-    if (!isFirst) at->second = Road::thereAndBack;
+  // It is configured to be primary (kPrimary) where it was secondary, or the other way round. Told
+  // by who does it, at once, and by who follows what is configured.
+  void moves(const IpAddrMask& addr, unsigned role) {
+    const auto [at, isFirst] = moving_.try_emplace(addr, Road{role});
+    if (at->second.role == role && !isFirst) return;
+    at->second = {role, !isFirst};
     patience_.armAt(platform::clock().now() + kPatience);
-    overtaken_.follow(config, config.addrWithMask.bit() | config.secondaryWithMask.bit());
+  }
+  // One that moves may be configured no more.
+  void configChanged() {
+    if (!moving_.empty()) lookAgain();
   }
 
  private:
@@ -160,19 +165,9 @@ class IpIntfStatusSm final : public AddrStatusSm {
 
   // One that turned round on its way may look as if it had arrived when it has not started: what
   // the status then shows of it is believed when kPatience is over.
-  enum class Road : uint8_t { oneWay, thereAndBack };
-
-  // Somebody configures it otherwise while it moves.
-  class Overtaken final : public platform::EntityReactor {
-   public:
-    explicit Overtaken(IpIntfStatusSm& sm) : EntityReactor("IpIntfStatusSm"), sm_(sm) {}
-    void onAttributes(uint32_t) override {
-      if (sm_.moving_.empty()) return unfollow();
-      sm_.lookAgain();
-    }
-
-   private:
-    IpIntfStatusSm& sm_;
+  struct Road {
+    unsigned role;  // that it goes to
+    bool isThereAndBack = false;
   };
 
   void statusIs(Entity& status) override {
@@ -194,7 +189,6 @@ class IpIntfStatusSm final : public AddrStatusSm {
   IpIntfStatus* status_ = nullptr;  // kept by what follows it
   std::map<IpAddrMask, Road> moving_;
   Patience patience_{*this};
-  Overtaken overtaken_{*this};
 };
 
 class Ip6IntfStatusSm final : public AddrStatusSm {
@@ -214,11 +208,29 @@ class Ip6IntfStatusSm final : public AddrStatusSm {
   platform::Ip6::IntfStatus* status_ = nullptr;  // kept by what follows it
 };
 
+// Follows what is configured, whoever configures it, ahead of what follows the status: it says
+// which addresses move.
+class IpIntfConfigSm final : public platform::JournalReactor {
+ public:
+  IpIntfConfigSm(IpIntfMgrSm& sm, platform::Ip::Config& config);
+
+ private:
+  struct Roles {
+    IpAddrMask primary;
+    SmallSet<IpAddrMask> secondaries;
+  };
+
+  void onEntity(Entity& entity, Change change) override;
+
+  IpIntfMgrSm& sm_;
+  std::unordered_map<IntfId, Roles> roles_;  // as they were
+};
+
 // Keeps the interfaces' reactors.
 class IpIntfMgrSm final : public platform::JournalReactor {
  public:
-  IpIntfMgrSm(IpIntfMgrImpl& mgr, platform::Ip::Status& ip, platform::Ip6::Status& ip6,
-              VlanTable& vlans);
+  IpIntfMgrSm(IpIntfMgrImpl& mgr, platform::Ip::Config& config, platform::Ip::Status& ip,
+              platform::Ip6::Status& ip6, VlanTable& vlans);
 
   IpIntfStatusSm* find(intf_id_t intf) {
     const auto at = ip_.find(intf);
@@ -244,6 +256,7 @@ class IpIntfMgrSm final : public platform::JournalReactor {
   bool starting_ = true;
   ByIntf<IpIntfStatusSm> ip_;
   ByIntf<Ip6IntfStatusSm> ip6_;
+  IpIntfConfigSm config_;
 };
 
 }  // namespace
@@ -270,7 +283,7 @@ class IpIntfMgrImpl final : public ip_intf_mgr, public mount_handler {
     ip6Status_ = em->find<platform::Ip6::Status>("ip6/status");
     vlans_ = em->find<VlanTable>("vlan/internal");
     vrfs_ = em->find<platform::Ip::IntfVrfConfig>("ip/vrf/intf");
-    sm_ = std::make_unique<IpIntfMgrSm>(*this, *ipStatus_, *ip6Status_, *vlans_);
+    sm_ = std::make_unique<IpIntfMgrSm>(*this, *ip_, *ipStatus_, *ip6Status_, *vlans_);
   }
 
   bool exists(intf_id_t intf) const override {
@@ -419,14 +432,14 @@ class IpIntfMgrImpl final : public ip_intf_mgr, public mount_handler {
   void promoteAddr(intf_id_t intf, const IpAddrMask& secondary, IpIntfConfig& config) {
     RYX_TRACE(trace(), 1,
               "Suppressing notifications for promotion of " << secondary << " on " << intf);
-    if (IpIntfStatusSm* sm = sm_->find(intf)) sm->moves(secondary, config);
+    if (IpIntfStatusSm* sm = sm_->find(intf)) sm->moves(secondary, kPrimary);
     config.addrWithMask.set(secondary);
     erase(config.secondaryWithMask, secondary);
   }
   void demoteAddr(intf_id_t intf, const IpAddrMask& primary, IpIntfConfig& config) {
     RYX_TRACE(trace(), 1,
               "Suppressing notifications for demotion of " << primary << " on " << intf);
-    if (IpIntfStatusSm* sm = sm_->find(intf)) sm->moves(primary, config);
+    if (IpIntfStatusSm* sm = sm_->find(intf)) sm->moves(primary, kSecondary);
     insert(config.secondaryWithMask, primary);
   }
 
@@ -541,13 +554,38 @@ void IpIntfStatusSm::statusChanged() {
         config ? roleOf(addr, config->addrWithMask(), config->secondaryWithMask()) : 0;
     const unsigned shown =
         roleOf(addr, status_->activeAddrWithMask(), status_->activeSecondaryWithMask());
-    return wanted == 0 || (road == Road::oneWay && wanted == shown);
+    return wanted == 0 || (!road.isThereAndBack && wanted == shown);
   });
 }
 
-IpIntfMgrSm::IpIntfMgrSm(IpIntfMgrImpl& mgr, platform::Ip::Status& ip, platform::Ip6::Status& ip6,
-                         VlanTable& vlans)
-    : JournalReactor("IpIntfMgrSm"), mgr_(mgr) {
+IpIntfConfigSm::IpIntfConfigSm(IpIntfMgrSm& sm, platform::Ip::Config& config)
+    : JournalReactor("IpIntfConfigSm", Order::second), sm_(sm) {
+  follow(config.journal);
+  for (bool more = true; more;) {
+    platform::Slice slice;
+    more = run(slice);
+  }
+}
+
+void IpIntfConfigSm::onEntity(Entity& entity, Change change) {
+  const auto* config = entity.as<IpIntfConfig>();
+  if (!config) return;
+  const Roles now = change == Change::deleted
+                        ? Roles()
+                        : Roles{config->addrWithMask(), config->secondaryWithMask()};
+  Roles& before = roles_[config->key()];
+  if (IpIntfStatusSm* sm = sm_.find(convert(config->key()))) {
+    if (now.secondaries.contains(before.primary)) sm->moves(before.primary, kSecondary);
+    if (before.secondaries.contains(now.primary)) sm->moves(now.primary, kPrimary);
+    sm->configChanged();
+  }
+  before = now;
+  if (change == Change::deleted) roles_.erase(config->key());
+}
+
+IpIntfMgrSm::IpIntfMgrSm(IpIntfMgrImpl& mgr, platform::Ip::Config& config, platform::Ip::Status& ip,
+                         platform::Ip6::Status& ip6, VlanTable& vlans)
+    : JournalReactor("IpIntfMgrSm"), mgr_(mgr), config_(*this, config) {
   // What stands at the start is no news, but it is known from here on, so that its end will be.
   for (platform::Journal* journal : {&ip.journal, &ip6.journal, &vlans.journal}) follow(*journal);
   for (bool more = true; more;) {

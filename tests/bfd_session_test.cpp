@@ -79,6 +79,7 @@ class End final : private BfdSession::Owner {
   std::function<void(const BfdPacket&)> deliver = [](const BfdPacket&) {};
   std::vector<std::pair<double, BfdPacket>> sent;
   std::vector<PeerState> states;
+  std::function<void()> waiting = [] {};
   bool hasEnded = false;
   BfdSession session;
 
@@ -88,6 +89,7 @@ class End final : private BfdSession::Owner {
     deliver(packet);
   }
   void stateIs(PeerState state) override { states.push_back(state); }
+  void readWaiting() override { waiting(); }
   void ended() override { hasEnded = true; }
 };
 
@@ -189,6 +191,22 @@ TEST_F(BfdSessionTest, SilenceIsDetectedInTime) {
   aToB = true;
   pass(3);
   EXPECT_TRUE(isUp());
+}
+
+// What came and waits in the socket while the process was held up is heard first.
+TEST_F(BfdSessionTest, WhoIsHeldUpIsNotDeaf) {
+  connect(timers(50, 50), timers(50, 50));
+  pass(3);
+  ASSERT_TRUE(isUp());
+  const BfdPacket last = a->sent.back().second;
+  b->waiting = [&] { b->session.received(last); };
+  clock.advance(1);
+  activity().run(0);
+  EXPECT_EQ(PeerState::up, b->session.state());
+  b->waiting = [] {};
+  aToB = false;
+  pass(0.2);
+  EXPECT_EQ(PeerState::down, b->session.state());
 }
 
 TEST_F(BfdSessionTest, OtherTimersAreAnnouncedBeforeTheyAreRelaxed) {

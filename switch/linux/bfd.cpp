@@ -102,11 +102,13 @@ class Bfd::Ear final : private Descriptor {
     return nullptr;
   }
 
- private:
-  void onReadable() override {
+  void read() {
     for (int i = 0; i < kPacketsPerRead && receive(); ++i) {
     }
   }
+
+ private:
+  void onReadable() override { read(); }
 
   // False when there is none.
   bool receive() {
@@ -238,6 +240,9 @@ class Bfd::Peer final : private BfdSession::Owner {
         "the BFD session to " << key_.ip.toString() << " is in state " << static_cast<int>(state));
     if (auto* status = bfd_.status_.peer.find(key_); status && state != PeerState::adminDown)
       status->state.set(state);
+  }
+  void readWaiting() override {
+    for (const auto& ear : bfd_.ears_) ear->read();
   }
   void ended() override { bfd_.leaving_.erase(PeerKey(key_)); }
 

@@ -154,7 +154,10 @@ void BfdSession::received(const BfdPacket& packet) {
   sendLater();
 }
 
+// Where this process was held up, the peer's packets wait while the timer is due.
 void BfdSession::detectionExpires() {
+  owner_.readWaiting();
+  if (detection_.armed()) return;
   forgetPeer();
   if (state_ == PeerState::init || state_ == PeerState::up)
     become(PeerState::down, BfdDiag::detectionExpired);

@@ -64,6 +64,8 @@ class BfdSession {
     virtual void send(const BfdPacket& packet) = 0;
     // It has another state.
     virtual void stateIs(PeerState state) = 0;
+    // Gives it what has arrived and waits: before silence is taken for one.
+    virtual void readWaiting() {}
     // It has told its peer that it ends, for as long as that needed. May destroy it.
     virtual void ended() = 0;
 

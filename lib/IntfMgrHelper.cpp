@@ -91,10 +91,7 @@ IntfExistenceReactor::IntfExistenceReactor(const char* name, IntfMgrHelper& help
     : JournalReactor(name, Order::second), helper_(helper) {
   // What stands at the start is no news, but it is known from here on, so that its end will be.
   follow(helper.allIntfConfigDir().journal);
-  for (bool more = true; more;) {
-    platform::Slice slice;
-    more = run(slice);
-  }
+  hearAll();
   starting_ = false;
 }
 

@@ -64,14 +64,15 @@ class GenericAgentSm final : public platform::JournalReactor {
  public:
   GenericAgentSm(AgentMgrImpl& mgr, Dir& configs, const Name& name)
       : JournalReactor("GenericAgentSm"), mgr_(mgr), name_(name) {
+    // What stands at the start is no news, but it is known from here on, so that its end will be.
     follow(configs.journal);
-    hearWhatIsThere(*configs.journal.clock());
+    hearAll();
+    starting_ = false;
   }
 
  private:
   using Option = decltype(Config::option)::Entry;
 
-  void hearWhatIsThere(platform::StoreClock& clock);
   void onEntity(Entity& entity, Change change) override;
   void onConfig(Config& config, Change change);
   void onOption(Option& option, Change change);
@@ -121,19 +122,6 @@ class AgentMgrImpl final : public agent_mgr, public mount_handler {
 };
 
 // --- GenericAgentSm -----------------------------------------------------------------------------
-
-// What stands at the start is no news, but it is known from here on, so that its end will be. It is
-// read here and now, even if more is about to arrive, as the agent will read it.
-void GenericAgentSm::hearWhatIsThere(platform::StoreClock& clock) {
-  const bool gated = std::exchange(clock.gated, false);
-  bool more = true;
-  while (more) {
-    platform::Slice slice;
-    more = run(slice);
-  }
-  clock.gated = gated;
-  starting_ = false;
-}
 
 void GenericAgentSm::onEntity(Entity& entity, Change change) {
   if (starting_) return;

@@ -1,7 +1,6 @@
 // Decapsulation groups: the agent's own, in an input of its own.
 #include "ryx/decap_group.h"
 
-#include <memory>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -9,10 +8,7 @@
 
 #include "lib/context.h"
 #include "lib/convert.h"
-#include "lib/guard.h"
-#include "lib/iter_impl.h"
-#include "lib/mounts.h"
-#include "lib/resync.h"
+#include "lib/own_input_mgr.h"
 #include "platform/model/decap.h"
 #include "platform/trace/trace.h"
 #include "ryx/panic.h"
@@ -58,68 +54,40 @@ void check(const decap_group_t& group) {
 
 }  // namespace
 
-class DecapGroupMgrImpl final : public decap_group_mgr, public mount_handler {
+class DecapGroupMgrImpl final
+    : public OwnInputMgr<decap_group_mgr, ConfigInput, &ConfigInput::decapGroup> {
  public:
-  explicit DecapGroupMgrImpl(mount_mgr* mounts) : mount_handler(mounts) {}
-
-  void doMounts(mount_group& group) override {
-    group.add(inputPath(), "Tunnel::Decap::ConfigInput", "cwS");
-  }
-  void onMountsComplete(entity_manager& em) override {
-    RYX_TRACE(trace(), 1, "DecapGroupMgrImpl: all mounts completed");
-    input_ = em->find<ConfigInput>(inputPath());
-  }
-
-  void resync_init() override {
-    RYX_TRACE_ENTRY(trace(), 7, "");
-    const ApiGuard guard(*this);
-    resync_.init();
-  }
-  void resync_complete() override {
-    RYX_TRACE_ENTRY(trace(), 7, "");
-    const ApiGuard guard(*this);
-    resync_.eraseUndeclared(input_->decapGroup);
-  }
+  explicit DecapGroupMgrImpl(mount_mgr* mounts)
+      : OwnInputMgr(mounts, "DecapGroupMgrImpl", "routing/tunneldecap/input/dynamic", trace()) {}
 
   decap_group_iter_t decap_group_iter() const override {
     RYX_TRACE_ENTRY(trace(), 7, "");
     const ApiGuard guard(*this);
-    auto iter = std::make_unique<decap_group_iter_impl>();
-    iter->add_iter(elementSource<decap_group_t>(input_->decapGroup.iterator(),
-                                                [](const auto& it) { return convert(*it); }));
-    iter->initialize();
-    return decap_group_iter_t(iter.release());
+    return iterator<decap_group_t, decap_group_iter_impl>(
+        [](const DecapGroup& group) { return convert(group); });
   }
   void decap_group_set(const decap_group_t& group) override {
     RYX_TRACE_ENTRY(trace(), 7, " group=" << group);
     const ApiGuard guard(*this);
     check(group);
     const Name name(group.group_name());
-    if (resync_.isOn()) resync_.declare(name);
-    DecapGroup* there = input_->decapGroup.create(name);
+    declare(name);
+    DecapGroup* there = entries().create(name);
     there->destinationAddr.set(ryx::convert(group.destination_addr()));
     there->tunnelType.set(TunnelType::gre);
   }
   void decap_group_del(const std::string& group_name) override {
     RYX_TRACE_ENTRY(trace(), 7, " group_name=" << group_name);
     const ApiGuard guard(*this);
-    resync_.withdraw(Name(group_name));
-    input_->decapGroup.erase(Name(group_name));
+    withdraw(Name(group_name));
+    entries().erase(Name(group_name));
   }
   decap_group_t decap_group(const std::string& group_name) const override {
     RYX_TRACE_ENTRY(trace(), 7, " group_name=" << group_name);
     const ApiGuard guard(*this);
-    const DecapGroup* there = input_->decapGroup.find(Name(group_name));
+    const DecapGroup* there = entries().find(Name(group_name));
     return there ? convert(*there) : decap_group_t();
   }
-
- private:
-  std::string inputPath() const {
-    return "routing/tunneldecap/input/dynamic/" + get_mount_point_name();
-  }
-
-  ConfigInput* input_ = nullptr;
-  Resync<Name, bool> resync_;
 };
 
 // --- the public classes -------------------------------------------------------------------------

@@ -103,13 +103,13 @@ class AddrStatusSm : public platform::EntityReactor {
  protected:
   // Ascending.
   virtual std::vector<IpAddrMask> active() const = 0;
-  virtual void statusIs(Entity& status) = 0;
+  virtual void followStatus(Entity& status) = 0;
   // Addresses that are not to be told to go yet.
   virtual bool isMoving(const IpAddrMask&) const { return false; }
   // Before differences are looked for.
   virtual void statusChanged() {}
   virtual void ended() {}
-  // All the same: each is to be looked at.
+  // Differences are looked for, though the status is as it was.
   void lookAgain() { tellLater(kLook); }
 
   IpIntfMgrImpl& mgr_;
@@ -170,17 +170,12 @@ class IpIntfStatusSm final : public AddrStatusSm {
     bool isThereAndBack = false;
   };
 
-  void statusIs(Entity& status) override {
+  void followStatus(Entity& status) override {
     status_ = status.as<IpIntfStatus>();
     follow(status, status_->activeAddrWithMask.bit() | status_->activeSecondaryWithMask.bit());
   }
   std::vector<IpAddrMask> active() const override {
-    const auto& secondaries = status_->activeSecondaryWithMask();
-    std::vector<IpAddrMask> all(secondaries.begin(), secondaries.end());
-    const IpAddrMask& primary = status_->activeAddrWithMask();
-    if (platform::Ip::isAssigned(primary) && !secondaries.contains(primary))
-      all.insert(std::lower_bound(all.begin(), all.end(), primary), primary);
-    return all;
+    return platform::Ip::allOf(status_->activeAddrWithMask(), status_->activeSecondaryWithMask());
   }
   bool isMoving(const IpAddrMask& addr) const override { return moving_.count(addr) != 0; }
   void statusChanged() override;
@@ -197,7 +192,7 @@ class Ip6IntfStatusSm final : public AddrStatusSm {
       : AddrStatusSm("Ip6IntfStatusSm", mgr, intf) {}
 
  private:
-  void statusIs(Entity& status) override {
+  void followStatus(Entity& status) override {
     status_ = status.as<platform::Ip6::IntfStatus>();
     follow(status, status_->activeAddr.bit());
   }
@@ -397,23 +392,8 @@ class IpIntfMgrImpl final : public ip_intf_mgr, public mount_handler {
   static void erase(Attribute& attribute, const IpAddrMask& addr) {
     attribute.edit([&](Addrs& addrs) { return addrs.erase(addr); });
   }
-  static Addrs setOf(std::vector<IpAddrMask> addrs) {
-    Addrs set;
-    set.insertAll(std::move(addrs));
-    return set;
-  }
-
-  // Ascending, of both families.
   std::vector<IpAddrMask> configured(IntfId intf) const {
-    Addrs all;
-    if (const IpIntfConfig* config = ip_->ipIntfConfig.find(intf)) {
-      all = config->secondaryWithMask();
-      if (platform::Ip::isAssigned(config->addrWithMask())) all.insert(config->addrWithMask());
-    }
-    std::vector<IpAddrMask> list(all.begin(), all.end());
-    if (const auto* config = ip6_->intf.find(intf))
-      list.insert(list.end(), config->addr().begin(), config->addr().end());
-    return list;
+    return platform::Ip::configuredAddrs(*ip_, *ip6_, intf);
   }
   bool isConfigured(IntfId intf, const IpAddrMask& addr) const {
     const auto* ip6 = ip6_->intf.find(intf);
@@ -459,13 +439,13 @@ class IpIntfMgrImpl final : public ip_intf_mgr, public mount_handler {
         config->addrWithMask.set(primary);
     }
     if (!addrs.empty()) addrs.erase(addrs.begin());
-    config->secondaryWithMask.set(setOf(std::move(addrs)));
+    config->secondaryWithMask.set(Addrs(std::move(addrs)));
   }
   void ip6AddrsAre(IntfId intf, std::vector<IpAddrMask> addrs) {
     auto* config = ip6_->intf.find(intf);
     if (!config && addrs.empty()) return;
     if (!config) config = ip6_->intf.create(intf);
-    config->addr.set(setOf(std::move(addrs)));
+    config->addr.set(Addrs(std::move(addrs)));
   }
 
   mount_mgr* const mounts_;
@@ -486,7 +466,7 @@ void AddrStatusSm::statusIs(Entity& status, bool isKnown) {
     next_ = Ref<Entity>(&status);
     return;
   }
-  statusIs(status);
+  followStatus(status);
   if (isKnown)
     known_.insertAll(active());
   else
@@ -561,10 +541,7 @@ void IpIntfStatusSm::statusChanged() {
 IpIntfConfigSm::IpIntfConfigSm(IpIntfMgrSm& sm, platform::Ip::Config& config)
     : JournalReactor("IpIntfConfigSm", Order::second), sm_(sm) {
   follow(config.journal);
-  for (bool more = true; more;) {
-    platform::Slice slice;
-    more = run(slice);
-  }
+  hearAll();
 }
 
 void IpIntfConfigSm::onEntity(Entity& entity, Change change) {
@@ -588,10 +565,7 @@ IpIntfMgrSm::IpIntfMgrSm(IpIntfMgrImpl& mgr, platform::Ip::Config& config, platf
     : JournalReactor("IpIntfMgrSm"), mgr_(mgr), config_(*this, config) {
   // What stands at the start is no news, but it is known from here on, so that its end will be.
   for (platform::Journal* journal : {&ip.journal, &ip6.journal, &vlans.journal}) follow(*journal);
-  for (bool more = true; more;) {
-    platform::Slice slice;
-    more = run(slice);
-  }
+  hearAll();
   starting_ = false;
 }
 
@@ -613,7 +587,7 @@ void IpIntfMgrSm::statusChanged(ByIntf<Sm>& sms, IntfId id, Entity& status, Chan
   std::unique_ptr<Sm>& sm = sms[intf];
   if (!sm) sm = std::make_unique<Sm>(mgr_, intf);
   if (change == Change::created)
-    static_cast<AddrStatusSm&>(*sm).statusIs(status, starting_);
+    sm->statusIs(status, starting_);
   else
     sm->statusEnded();
 }

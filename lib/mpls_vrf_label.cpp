@@ -1,16 +1,12 @@
 // MPLS labels that lead to VRFs: the agent's own, in an input of its own.
 #include "ryx/mpls_vrf_label.h"
 
-#include <memory>
 #include <ostream>
 #include <string>
 #include <tuple>
 
 #include "lib/context.h"
-#include "lib/guard.h"
-#include "lib/iter_impl.h"
-#include "lib/mounts.h"
-#include "lib/resync.h"
+#include "lib/own_input_mgr.h"
 #include "platform/model/mpls.h"
 #include "platform/trace/trace.h"
 
@@ -42,67 +38,40 @@ bool isLabel(const mpls_label_t& label) {
 
 }  // namespace
 
-class MplsVrfLabelMgrImpl final : public mpls_vrf_label_mgr, public mount_handler {
+class MplsVrfLabelMgrImpl final
+    : public OwnInputMgr<mpls_vrf_label_mgr, VrfLabelConfigInput, &VrfLabelConfigInput::vrfLabel> {
  public:
-  explicit MplsVrfLabelMgrImpl(mount_mgr* mounts) : mount_handler(mounts) {}
-
-  void doMounts(mount_group& group) override {
-    group.add(inputPath(), "Mpls::VrfLabelConfigInput", "cwS");
-  }
-  void onMountsComplete(entity_manager& em) override {
-    RYX_TRACE(trace(), 1, "MplsVrfLabelMgrImpl: all mounts completed");
-    input_ = em->find<VrfLabelConfigInput>(inputPath());
-  }
-
-  void resync_init() override {
-    RYX_TRACE_ENTRY(trace(), 7, "");
-    const ApiGuard guard(*this);
-    resync_.init();
-  }
-  void resync_complete() override {
-    RYX_TRACE_ENTRY(trace(), 7, "");
-    const ApiGuard guard(*this);
-    resync_.eraseUndeclared(input_->vrfLabel);
+  explicit MplsVrfLabelMgrImpl(mount_mgr* mounts)
+      : OwnInputMgr(mounts, "MplsVrfLabelMgrImpl", "routing/mpls/vrfLabel/input/dynamic", trace()) {
   }
 
   mpls_vrf_label_iter_t mpls_vrf_label_iter() const override {
     RYX_TRACE_ENTRY(trace(), 7, "");
     const ApiGuard guard(*this);
-    auto iter = std::make_unique<mpls_vrf_label_iter_impl>();
-    iter->add_iter(elementSource<mpls_vrf_label_t>(input_->vrfLabel.iterator(),
-                                                   [](const auto& it) { return convert(*it); }));
-    iter->initialize();
-    return mpls_vrf_label_iter_t(iter.release());
+    return iterator<mpls_vrf_label_t, mpls_vrf_label_iter_impl>(
+        [](const VrfLabel& binding) { return convert(binding); });
   }
   void mpls_vrf_label_set(const mpls_vrf_label_t& binding) override {
     RYX_TRACE_ENTRY(trace(), 7, " binding=" << binding);
     const ApiGuard guard(*this);
     const VrfName vrf(binding.vrf_name());
     const Label label(binding.label().label());
-    if (resync_.isOn()) resync_.declare(label);
-    input_->vrfLabel.create(label)->vrfName.set(vrf);
+    declare(label);
+    entries().create(label)->vrfName.set(vrf);
   }
   void mpls_vrf_label_del(const mpls_label_t& label) override {
     RYX_TRACE_ENTRY(trace(), 7, " label=" << label);
     const ApiGuard guard(*this);
     if (!isLabel(label)) return;
-    resync_.withdraw(Label(label.label()));
-    input_->vrfLabel.erase(Label(label.label()));
+    withdraw(Label(label.label()));
+    entries().erase(Label(label.label()));
   }
   mpls_vrf_label_t mpls_vrf_label(const mpls_label_t& label) const override {
     RYX_TRACE_ENTRY(trace(), 7, " label=" << label);
     const ApiGuard guard(*this);
-    const VrfLabel* there = isLabel(label) ? input_->vrfLabel.find(Label(label.label())) : nullptr;
+    const VrfLabel* there = isLabel(label) ? entries().find(Label(label.label())) : nullptr;
     return there ? convert(*there) : mpls_vrf_label_t();
   }
-
- private:
-  std::string inputPath() const {
-    return "routing/mpls/vrfLabel/input/dynamic/" + get_mount_point_name();
-  }
-
-  VrfLabelConfigInput* input_ = nullptr;
-  Resync<Label, bool> resync_;
 };
 
 // --- the public classes -------------------------------------------------------------------------

@@ -14,18 +14,14 @@
 #include "platform/activity/activity.h"
 #include "platform/qel/reactor.h"
 #include "platform/statehub/local.h"
+#include "tests/support/parsed.h"
 #include "tests/support/random_runs.h"
 
 namespace ryx::platform {
 namespace {
 
 using namespace Interface;
-
-IntfId id(const std::string& name) {
-  IntfId intf;
-  EXPECT_TRUE(parse(name, &intf)) << name;
-  return intf;
-}
+using test::id;
 
 template <class AllDir>
 std::map<IntfId, const Entity*> contents(const AllDir& dir) {

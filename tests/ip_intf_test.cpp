@@ -18,6 +18,7 @@
 #include "ryx/panic.h"
 #include "switch/base/addresses.h"
 #include "switch/sim/sim.h"
+#include "tests/support/parsed.h"
 #include "tests/support/random_runs.h"
 #include "tests/support/statehub_fixture.h"
 
@@ -27,12 +28,12 @@ namespace {
 using platform::IntfId;
 using platform::IpAddrMask;
 using platform::SmallSet;
+using test::id;
 
 IpAddrMask at(const std::string& text) {
-  IpAddrMask mask;
-  EXPECT_TRUE(platform::parse(text, &mask)) << text;
-  return mask;
+  return test::parsed<IpAddrMask>(text);
 }
+
 ip_addr_mask_t addr(const std::string& text) {
   const IpAddrMask mask = at(text);
   return {{static_cast<af_t>(mask.addr().af()), mask.addr().bytes()}, mask.length()};
@@ -48,12 +49,6 @@ std::string textOf(const std::set<ip_addr_mask_t>& all) {
   for (const ip_addr_mask_t& one : all) text += (text.empty() ? "" : " ") + one.to_string();
   return text;
 }
-IntfId id(const std::string& name) {
-  IntfId intf;
-  EXPECT_TRUE(platform::parse(name, &intf)) << name;
-  return intf;
-}
-
 // Each call as a line, and what is left of all.
 class Watch : public ip_intf_handler {
  public:

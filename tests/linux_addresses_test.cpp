@@ -20,6 +20,7 @@
 #include "switch/linux/kernel_addresses.h"
 #include "switch/linux/kernel_links.h"
 #include "tests/support/netns.h"
+#include "tests/support/parsed.h"
 #include "tests/support/random_runs.h"
 #include "tests/support/slow_kernel.h"
 
@@ -27,17 +28,11 @@ namespace ryx::kernel {
 namespace {
 
 using namespace platform;
+using test::id;
 using test::NetNs;
 
-IntfId id(const std::string& name) {
-  IntfId intf;
-  EXPECT_TRUE(platform::parse(name, &intf)) << name;
-  return intf;
-}
 IpAddrMask at(const std::string& text) {
-  IpAddrMask mask;
-  EXPECT_TRUE(platform::parse(text, &mask)) << text;
-  return mask;
+  return test::parsed<IpAddrMask>(text);
 }
 
 // Configuration and status as text: the primary address, the secondary ones, IPv6.

@@ -17,6 +17,7 @@
 #include "switch/linux/bfd.h"
 #include "switch/linux/kernel_links.h"
 #include "tests/support/netns.h"
+#include "tests/support/parsed.h"
 #include "tests/support/temp_dir.h"
 
 namespace ryx::kernel {
@@ -25,13 +26,8 @@ namespace {
 using namespace platform;
 using platform::Bfd::PeerKey;
 using platform::Bfd::PeerType;
+using test::id;
 using test::NetNs;
-
-IntfId id(const std::string& name) {
-  IntfId intf;
-  EXPECT_TRUE(platform::parse(name, &intf)) << name;
-  return intf;
-}
 
 // A switch of its own in a namespace of its own.
 class Side {
@@ -89,9 +85,7 @@ class LinuxBfdTest : public ::testing::Test {
   }
   static PeerKey peer(const std::string& ip, const std::string& intf,
                       PeerType type = PeerType::normal) {
-    IpAddr addr;
-    EXPECT_TRUE(platform::parse(ip, &addr)) << ip;
-    return {addr, VrfName("default"), intf.empty() ? IntfId() : id(intf), type};
+    return {test::parsed<IpAddr>(ip), VrfName("default"), intf.empty() ? IntfId() : id(intf), type};
   }
   bool happens(const std::function<bool()>& what, double seconds = 20) {
     for (const double end = clock().now() + seconds; !what(); activity().run(0.005))
@@ -137,6 +131,13 @@ TEST_F(LinuxBfdTest, AFailedLinkIsDetectedInThreeIntervals) {
   EXPECT_EQ(PeerState::down, b->bfd->session(toA)->state());
   a->ask(toB);
   EXPECT_TRUE(happens([&] { return a->isUp(toB) && b->isUp(toA); }));
+}
+
+TEST_F(LinuxBfdTest, WhereAnotherHasThePortsThereIsNone) {
+  const NetNs::Inside inside(a->ns);
+  std::string error;
+  EXPECT_EQ(nullptr, Bfd::start(a->tree, a->links->links(), &error));
+  EXPECT_EQ("BFD cannot listen on UDP port 3784: Address already in use", error);
 }
 
 TEST_F(LinuxBfdTest, MultihopOverRoutes) {
@@ -197,8 +198,7 @@ TEST_F(LinuxBfdTest, WhatIsForgedChangesNothing) {
     const NetNs::Inside inside(a->ns);
     const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ::setsockopt(fd, IPPROTO_IP, IP_TTL, &ttl, sizeof ttl);
-    IpAddr source;
-    EXPECT_TRUE(platform::parse(from, &source));
+    const IpAddr source = test::parsed<IpAddr>(from);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     std::memcpy(&address.sin_addr, source.bytes(), 4);

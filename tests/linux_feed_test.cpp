@@ -22,20 +22,16 @@
 #include "switch/linux/kernel_links.h"
 #include "switch/linux/two_way.h"
 #include "tests/support/netns.h"
+#include "tests/support/parsed.h"
 
 namespace ryx::kernel {
 namespace {
 
 using namespace platform;
+using test::id;
 using test::NetNs;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
-
-IntfId id(const std::string& name) {
-  IntfId intf;
-  EXPECT_TRUE(platform::parse(name, &intf)) << name;
-  return intf;
-}
 
 // --- the map ------------------------------------------------------------------------------------
 

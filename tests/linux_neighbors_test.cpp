@@ -19,6 +19,7 @@
 #include "switch/linux/kernel_links.h"
 #include "switch/linux/kernel_neighbors.h"
 #include "tests/support/netns.h"
+#include "tests/support/parsed.h"
 #include "tests/support/random_runs.h"
 #include "tests/support/slow_kernel.h"
 
@@ -28,17 +29,11 @@ namespace {
 using namespace platform;
 using Arp::EntryType;
 using Arp::NeighborKey;
+using test::id;
 using test::NetNs;
 
-IntfId id(const std::string& name) {
-  IntfId intf;
-  EXPECT_TRUE(platform::parse(name, &intf)) << name;
-  return intf;
-}
 IpAddr address(const std::string& text) {
-  IpAddr addr;
-  EXPECT_TRUE(platform::parse(text, &addr)) << text;
-  return addr;
+  return test::parsed<IpAddr>(text);
 }
 MacAddr mac(unsigned n) {
   const uint8_t bytes[6] = {

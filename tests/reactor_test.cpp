@@ -498,5 +498,28 @@ TEST_F(ReactorRules, BetweenTwoCutsAllWait) {
   EXPECT_EQ(told, (std::vector<std::string>{"/box/branch/1", "/box/branch/2", "attributes"}));
 }
 
+// Who starts with what stands there looks at it also between two cuts; later changes wait again.
+TEST_F(ReactorRules, WhatStandsThereIsHeardAtOnce) {
+  struct Starting final : JournalReactor {
+    explicit Starting(Journal& journal) : JournalReactor("starting") {
+      follow(journal);
+      hearAll();
+    }
+    void onEntity(Entity& e, Change) override { told.push_back(e.path()); }
+    std::vector<std::string> told;
+  };
+  box->branch.create(1);
+  tree.clock().gated = true;
+  Starting r(box->journal);
+  EXPECT_EQ(r.told, std::vector<std::string>{"/box/branch/1"});
+  EXPECT_TRUE(tree.clock().gated);
+  box->branch.create(2);
+  activity().run(0);
+  EXPECT_EQ(r.told.size(), 1u);
+  tree.clock().openGate();
+  activity().run(0);
+  EXPECT_EQ(r.told.size(), 2u);
+}
+
 }  // namespace
 }  // namespace ryx::platform

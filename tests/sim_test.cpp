@@ -10,30 +10,30 @@
 #include <random>
 
 #include "platform/activity/activity.h"
+#include "platform/model/bfd.h"
+#include "platform/model/ip.h"
+#include "platform/model/vrf.h"
 #include "platform/model/wellknown.h"
 #include "platform/qel/reactor.h"
 #include "platform/statehub/local.h"
 #include "switch/base/interfaces.h"
+#include "switch/base/vrfs.h"
 #include "switch/sim/input.h"
 #include "switch/sim/sim.h"
+#include "tests/support/parsed.h"
 #include "tests/support/temp_dir.h"
 
 namespace ryx::sim {
 namespace {
 
 using namespace platform;
+using test::id;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
 const std::string kCommands =
     "interface-add, interface-del, oper-status, vrf-add, vrf-state, vrf-del, internal-vlan, "
     "neighbor-learn, neighbor-age, bfd-peer";
-
-IntfId id(const std::string& name) {
-  IntfId intf;
-  EXPECT_TRUE(parse(name, &intf)) << name;
-  return intf;
-}
 
 class SimTest : public testing::Test {
  protected:
@@ -217,6 +217,39 @@ TEST_F(SimTest, AnInterfaceMadeAgainIsAnother) {
   EXPECT_EQ(status("Ethernet1"), 2);
   does("oper-status Ethernet1 1");
   EXPECT_EQ(status("Ethernet1"), 1) << "the new one is administratively on";
+}
+
+// What an earlier life left in the state and this one does not know goes; what it knows stays.
+TEST_F(SimTest, WhatAnEarlierLifeLeftGoes) {
+  does("interface-add Ethernet1");
+  does("vrf-add red");
+  auto* statuses = tree_.find<Ip::Status>("ip/status");
+  auto* vlans = tree_.find<IntfVlanId::Table>("vlan/internal");
+  auto* peers = tree_.find<platform::Bfd::StatusPeer>("bfd/status/peer");
+  auto* vrfs = tree_.find<Ip::AllVrfStatusLocal>("ip/vrf/status/local");
+  for (const char* name : {"Ethernet1", "Ethernet2"}) {
+    tree_.find<Ip::Config>("ip/config")->ipIntfConfig.create(id(name));
+    statuses->ipIntfStatus.create(id(name));
+    vlans->intfVlanIdTable.set(id(name), VlanId(7));
+  }
+  platform::Bfd::PeerKey asked, left;
+  left.type = platform::Bfd::PeerType::multihop;
+  tree_.make<platform::Bfd::AppConfig>("bfd/config/app/test")
+      ->vrf.create(VrfName("default"))
+      ->peer.create({asked, "a"});
+  peers->peer.create(asked);
+  peers->peer.create(left);
+  feeds::showVrf(tree_, VrfName("blue"), Ip::VrfState::active, "");
+  sim_.takeOver();
+  activity().run(0);
+  EXPECT_TRUE(statuses->ipIntfStatus.find(id("Ethernet1")));
+  EXPECT_FALSE(statuses->ipIntfStatus.find(id("Ethernet2")));
+  EXPECT_TRUE(vlans->intfVlanIdTable.find(id("Ethernet1")));
+  EXPECT_FALSE(vlans->intfVlanIdTable.find(id("Ethernet2")));
+  EXPECT_TRUE(peers->peer.find(asked));
+  EXPECT_FALSE(peers->peer.find(left));
+  EXPECT_TRUE(vrfs->vrf.find(VrfName("red")) && vrfs->vrf.find(VrfName("default")));
+  EXPECT_FALSE(vrfs->vrf.find(VrfName("blue")) || tree_.find("routing/vrf/input/blue"));
 }
 
 // --- sources ------------------------------------------------------------------------------------

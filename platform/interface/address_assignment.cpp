@@ -71,18 +71,7 @@ void AddressAssignment::catchUp() {
 
 // Makes what is known of it what is configured.
 void AddressAssignment::reindex(IntfId intf) {
-  std::vector<IpAddrMask> configured;
-  if (const auto* config = ip_.ipIntfConfig.find(intf)) {
-    configured.assign(config->secondaryWithMask().begin(), config->secondaryWithMask().end());
-    if (Ip::isAssigned(config->addrWithMask())) {
-      const auto at =
-          std::lower_bound(configured.begin(), configured.end(), config->addrWithMask());
-      if (at == configured.end() || *at != config->addrWithMask())
-        configured.insert(at, config->addrWithMask());
-    }
-  }
-  if (const auto* config = ip6_.intf.find(intf))  // IPv6 orders behind IPv4
-    configured.insert(configured.end(), config->addr().begin(), config->addr().end());
+  const std::vector<IpAddrMask> configured = Ip::configuredAddrs(ip_, ip6_, intf);
   const auto* entry = vrfs_.intf.find(intf);
   const Name vrf = entry && !entry->vrf().empty() ? entry->vrf() : Name("default");
 

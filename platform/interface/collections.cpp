@@ -35,21 +35,11 @@ constexpr const char* kStatusPaths[] = {
 constexpr const char* kLagStatusPath = "interface/status/eth/lag";
 constexpr const char* kLagPath = "lag/status";
 
-// A reactor that can also do at once what its task would do.
+// A reactor on whatever stands at its paths.
 class Follower : public JournalReactor {
  public:
   void followPath(EntityManager& em, std::string_view path) {
     if (Entity* root = em.find(path)) follow(*root->childJournal(), true);
-  }
-  // What stands between two cuts is there for whoever looks now.
-  void hearAll(EntityManager& em) {
-    bool& gated = em.tree().clock().gated;
-    const bool was = std::exchange(gated, false);
-    for (bool more = true; more;) {
-      Slice slice;
-      more = run(slice);
-    }
-    gated = was;
   }
 
  protected:
@@ -145,7 +135,7 @@ class IntfCollections::ConfigAssembly final : public Assembly<IntfConfig> {
   ConfigAssembly(IntfCollections& view, EntityManager& em)
       : Assembly("IntfConfigAssembly"), view_(view) {
     for (const char* path : kConfigPaths) followPath(em, path);
-    hearAll(em);
+    hearAll();
   }
 
  private:
@@ -166,7 +156,7 @@ class IntfCollections::StatusAssembly final : public Assembly<IntfStatus> {
   StatusAssembly(IntfCollections& view, EntityManager& em)
       : Assembly("IntfStatusAssembly"), view_(view) {
     for (const char* path : kStatusPaths) followPath(em, path);
-    hearAll(em);
+    hearAll();
   }
 
  private:
@@ -195,7 +185,7 @@ class IntfCollections::Copy final : public Follower {
  public:
   Copy(EntityManager& em, const char* path, CollectionBase& to) : Follower("IntfCopy"), to_(to) {
     followPath(em, path);
-    hearAll(em);
+    hearAll();
   }
 
  private:

@@ -6,6 +6,8 @@
 // while the interface is there and has, or is to have, an address of the family.
 #pragma once
 
+#include <vector>
+
 #include "platform/qel/dir.h"
 #include "platform/types/eth.h"
 #include "platform/types/intf.h"
@@ -83,6 +85,18 @@ struct Status : JournalRootType<Status> {
 };
 
 }  // namespace Ip6
+
+namespace Ip {
+
+// The primary address, if there is one, and the secondary ones. Ascending.
+RYX_PRIVATE std::vector<IpAddrMask> allOf(const IpAddrMask& primary,
+                                          const SmallSet<IpAddrMask>& secondaries);
+
+// What is configured for an interface, of both families. Ascending.
+RYX_PRIVATE std::vector<IpAddrMask> configuredAddrs(const Config& ip, const Ip6::Config& ip6,
+                                                    IntfId intf);
+
+}  // namespace Ip
 
 namespace IntfVlanId {
 

@@ -84,6 +84,8 @@ class SmallSet {
   using value_type = T;
 
   SmallSet() = default;
+  // Of elements in any order.
+  explicit SmallSet(std::vector<T> elements) { insertAll(std::move(elements)); }
   SmallSet(const SmallSet& o) : size_(o.size_) {
     if (size_ > 1) grow(size_);
     std::copy(o.begin(), o.end(), data());

@@ -197,6 +197,24 @@ bool JournalReactor::isGated() {
   return parkedAt(gated);
 }
 
+void JournalReactor::hearAll() {
+  // On every way out the gates are as they were.
+  struct Gates {
+    std::vector<std::pair<StoreClock*, bool>> were;
+    ~Gates() {
+      for (auto gate = were.rbegin(); gate != were.rend(); ++gate)
+        gate->first->gated = gate->second;
+    }
+  } gates;
+  for (const auto& [journal, follow] : follows_)
+    if (StoreClock* clock = journal->clock())
+      gates.were.emplace_back(clock, std::exchange(clock->gated, false));
+  for (bool more = true; more;) {
+    Slice slice;
+    more = run(slice);
+  }
+}
+
 JournalReactor::Follow* JournalReactor::deepest() const {
   for (size_t depth = levels_.size(); depth-- > 0;)
     if (levels_[depth].first) return levels_[depth].first;

@@ -81,6 +81,9 @@ class RYX_PRIVATE JournalReactor : public Reactor {
  protected:
   explicit JournalReactor(const char* name, Order order = Order::normal);
   virtual void onEntity(Entity& entity, Change change) = 0;
+  // Tells here and now all that there is to be told: for who starts with what stands there already.
+  // It does not wait for a cut: what stands between two is there for whoever looks now.
+  void hearAll();
   // Attributes of a followed journal's own root were written.
   virtual void onRootChanged(Entity&) {}
   bool run(Slice& slice) final;

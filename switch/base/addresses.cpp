@@ -11,12 +11,6 @@ using Addrs = std::vector<IpAddrMask>;
 
 namespace {
 
-SmallSet<IpAddrMask> setOf(Addrs addrs) {
-  SmallSet<IpAddrMask> set;
-  set.insertAll(std::move(addrs));
-  return set;
-}
-
 void showIp(Tree& tree, IntfId intf, Addrs active) {
   const auto* config = tree.make<Ip::Config>("ip/config")->ipIntfConfig.find(intf);
   auto& statuses = tree.make<Ip::Status>("ip/status")->ipIntfStatus;
@@ -34,7 +28,7 @@ void showIp(Tree& tree, IntfId intf, Addrs active) {
   }
   auto* status = statuses.create(intf);
   status->activeAddrWithMask.set(first);
-  status->activeSecondaryWithMask.set(setOf(std::move(active)));
+  status->activeSecondaryWithMask.set(SmallSet(std::move(active)));
 }
 
 void showIp6(Tree& tree, IntfId intf, Addrs active) {
@@ -43,7 +37,7 @@ void showIp6(Tree& tree, IntfId intf, Addrs active) {
   if (!config && active.empty())
     statuses.erase(intf);
   else
-    statuses.create(intf)->activeAddr.set(setOf(std::move(active)));
+    statuses.create(intf)->activeAddr.set(SmallSet(std::move(active)));
 }
 
 }  // namespace
@@ -63,15 +57,7 @@ void AddressConfig::onEntity(Entity& entity, Change) {
 }
 
 Addrs AddressConfig::of(IntfId intf) const {
-  Addrs all;
-  if (const auto* config = ip_.ipIntfConfig.find(intf)) {
-    SmallSet<IpAddrMask> ip = config->secondaryWithMask();
-    if (Ip::isAssigned(config->addrWithMask())) ip.insert(config->addrWithMask());
-    all.assign(ip.begin(), ip.end());
-  }
-  if (const auto* config = ip6_.intf.find(intf))
-    all.insert(all.end(), config->addr().begin(), config->addr().end());
-  return all;
+  return Ip::configuredAddrs(ip_, ip6_, intf);
 }
 
 void showActive(Tree& tree, IntfId intf, const Addrs& active) {

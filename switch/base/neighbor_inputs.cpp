@@ -22,10 +22,7 @@ Name agentOf(const EntryInput& entry) {
 NeighborInputs::NeighborInputs(Tree& tree, Changed changed)
     : JournalReactor("neighbor inputs"), changed_(std::move(changed)) {
   follow(*tree.make<Dir>("arp/input/config")->childJournal(), true);
-  for (bool more = true; more;) {
-    Slice slice;
-    more = run(slice);
-  }
+  hearAll();
 }
 
 void NeighborInputs::onEntity(Entity& entity, Change change) {

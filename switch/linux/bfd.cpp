@@ -255,7 +255,7 @@ class Bfd::Peer final : private BfdSession::Owner {
 
 // --- all of it ----------------------------------------------------------------------------------
 
-std::unique_ptr<Bfd> Bfd::start(Tree& tree, Links& links, std::string* error) {
+std::unique_ptr<Bfd> Bfd::start(Tree& tree, const Links& links, std::string* error) {
   auto made = std::make_unique<Bfd>(tree, links);
   for (const int family : {AF_INET, AF_INET6}) {
     for (const bool isMultihop : {false, true}) {
@@ -273,24 +273,14 @@ std::unique_ptr<Bfd> Bfd::start(Tree& tree, Links& links, std::string* error) {
   return made;
 }
 
-Bfd::Bfd(Tree& tree, Links& links)
+Bfd::Bfd(Tree& tree, const Links& links)
     : tree_(tree),
+      links_(links),
       status_(*tree.make<StatusPeer>("bfd/status/peer")),
       namespace_(ownNetworkNamespace()),
-      requests_(tree, [this](const PeerKey& key) { look(key); }) {
-  told_ = links.onDeviceIs([this](int index, IntfId intf) {
-    if (const auto before = interfaces_.find(index); before != interfaces_.end()) {
-      devices_.erase(before->second);
-      interfaces_.erase(before);
-    }
-    if (intf.isEmpty()) return;  // its status goes, too, which is told
-    interfaces_[index] = intf;
-    devices_[intf] = index;
-  });
-}
+      requests_(tree, [this](const PeerKey& key) { look(key); }) {}
 
 Bfd::~Bfd() {
-  told_.reset();
   peers_.clear();
   leaving_.clear();
   ears_.clear();
@@ -312,10 +302,12 @@ void Bfd::look(const PeerKey& key) {
     peers_.erase(at);
     return leaving.session().end();
   }
+  const bool isNew = !status_.peer.find(key);
   auto* status = status_.peer.create(key);
   const bool isSpoken = (key.type == PeerType::normal || key.type == PeerType::multihop) &&
                         key.vrf.bytes() == "default" && !key.ip.isUnspecified();
   if (!isSpoken) {
+    if (!isNew) return;
     RYX_TRACE(facility(), 0,
               "no BFD session to " << key.ip.toString() << " in the VRF " << key.vrf.bytes()
                                    << ", type " << static_cast<int>(key.type)
@@ -333,10 +325,10 @@ void Bfd::look(const PeerKey& key) {
   int index = 0;
   if (!key.intf.isEmpty()) {
     const auto* intf = feeds::findIntf(tree_, key.intf).status;
-    const auto device = devices_.find(key.intf);
     const bool isUp =
         intf && intf->operStatus() == static_cast<uint8_t>(platform::Interface::OperStatus::up);
-    index = isUp && device != devices_.end() ? device->second : -1;
+    const int device = links_.deviceOf(key.intf);
+    index = isUp && device != 0 ? device : -1;
   }
   at->second->deviceIs(index);
 }
@@ -346,11 +338,6 @@ uint32_t Bfd::newDiscriminator() {
     const uint32_t number = random_();
     if (number != 0 && !byDiscriminator_.count(number)) return number;
   }
-}
-
-IntfId Bfd::interfaceOf(int index) const {
-  const auto at = interfaces_.find(index);
-  return at == interfaces_.end() ? IntfId() : at->second;
 }
 
 void Bfd::arrived(const Arrival& arrival, std::string_view bytes) {
@@ -372,13 +359,13 @@ void Bfd::arrived(const Arrival& arrival, std::string_view bytes) {
 Bfd::Peer* Bfd::find(const Arrival& arrival, const BfdPacket& packet) const {
   const auto isIts = [&](const PeerKey& key) {
     return key.ip == arrival.from && (key.type == PeerType::multihop) == arrival.isMultihop &&
-           (key.intf.isEmpty() || key.intf == interfaceOf(arrival.index));
+           (key.intf.isEmpty() || key.intf == links_.interfaceOf(arrival.index));
   };
   if (packet.yourDiscriminator != 0) {
     const auto at = byDiscriminator_.find(packet.yourDiscriminator);
     return at != byDiscriminator_.end() && isIts(at->second->key()) ? at->second : nullptr;
   }
-  PeerKey key = {arrival.from, VrfName("default"), interfaceOf(arrival.index),
+  PeerKey key = {arrival.from, VrfName("default"), links_.interfaceOf(arrival.index),
                  arrival.isMultihop ? PeerType::multihop : PeerType::normal};
   auto at = peers_.find(key);
   if (at == peers_.end()) {

@@ -42,8 +42,8 @@ class Bfd {
 
   // In the calling thread's network namespace, whose devices are `links`. Both outlive it. Null,
   // with `error` set, when the ports are not to be had.
-  static std::unique_ptr<Bfd> start(platform::Tree& tree, Links& links, std::string* error);
-  Bfd(platform::Tree& tree, Links& links);
+  static std::unique_ptr<Bfd> start(platform::Tree& tree, const Links& links, std::string* error);
+  Bfd(platform::Tree& tree, const Links& links);
   ~Bfd();
   Bfd(const Bfd&) = delete;
   Bfd& operator=(const Bfd&) = delete;
@@ -68,21 +68,18 @@ class Bfd {
   void arrived(const Arrival& arrival, std::string_view bytes);
   Peer* find(const Arrival& arrival, const BfdPacket& packet) const;
   uint32_t newDiscriminator();
-  platform::IntfId interfaceOf(int index) const;
 
   platform::Tree& tree_;
+  const Links& links_;
   platform::Bfd::StatusPeer& status_;
   Counters counters_;
   int namespace_ = -1;
   std::random_device random_;
-  std::unordered_map<int, platform::IntfId> interfaces_;
-  std::unordered_map<platform::IntfId, int> devices_;
   feeds::ByBfdPeer<std::unique_ptr<Peer>> peers_;
   feeds::ByBfdPeer<std::unique_ptr<Peer>> leaving_;  // that say farewell
   std::unordered_map<uint32_t, Peer*> byDiscriminator_;
   std::vector<std::unique_ptr<Ear>> ears_;
   feeds::BfdRequests requests_;
-  std::shared_ptr<void> told_;  // of devices
 };
 
 }  // namespace ryx::kernel

@@ -17,6 +17,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -76,8 +77,12 @@ class Kept {
   template <class Which>
   void tryRefusedAgain(Which&& which) {
     std::vector<Key> keys;
-    for (const auto& [key, own] : own_)
-      if (own.isRefused && which(key)) keys.push_back(key);
+    std::erase_if(refused_, [&](const Key& key) {
+      const auto own = own_.find(key);
+      const bool isRefused = own != own_.end() && own->second.isRefused;
+      if (isRefused && which(key)) keys.push_back(key);
+      return !isRefused;
+    });
     for (const Key& key : keys) tryAgain(key);
   }
 
@@ -106,9 +111,11 @@ class Kept {
     return [this, &entry](int error, std::string_view words) { answered(entry, error, words); };
   }
   void answered(Entry& entry, int error, std::string_view words);
+  void isRefused(Entry& entry, const std::string& what);
 
   KeptCounters counters_;
   Owns own_;
+  std::unordered_set<Key, Hash> refused_;  // at least those that are
 };
 
 template <class Key, class Value, class Hash>
@@ -155,9 +162,7 @@ void Kept<Key, Value, Hash>::write(Entry& entry, const Value& value) {
   if (own.written != value) own = {.written = value};
   if (own.isRefused) return;
   if (own.attempts++ == kMaxAttempts) {
-    own.isRefused = true;
-    ++counters_.refused;
-    return tell(key, "is taken by the kernel, which then has it not");
+    return isRefused(entry, "is taken by the kernel, which then has it not");
   }
   if (std::exchange(own.isWritten, false)) ++counters_.putBack;
   own.isBusy = true;
@@ -165,6 +170,14 @@ void Kept<Key, Value, Hash>::write(Entry& entry, const Value& value) {
   own.isTaken = true;  // unless it is refused
   ++counters_.writes;
   set(key, value, answerFor(entry));
+}
+
+template <class Key, class Value, class Hash>
+void Kept<Key, Value, Hash>::isRefused(Entry& entry, const std::string& what) {
+  entry.second.isRefused = true;
+  refused_.insert(entry.first);
+  ++counters_.refused;
+  tell(entry.first, what);
 }
 
 template <class Key, class Value, class Hash>
@@ -192,12 +205,10 @@ void Kept<Key, Value, Hash>::answered(Entry& entry, int error, std::string_view 
   if (isPassing(error)) {
     own.isTaken = false;  // as far as is known
   } else if (error != 0) {
-    ++counters_.refused;
-    own.isRefused = true;
     own.isTaken = false;
     std::string why = std::strerror(error);
     if (!words.empty()) why += ": " + std::string(words);
-    tell(key, "is refused by the kernel: " + why);
+    isRefused(entry, "is refused by the kernel: " + why);
   }
   reconcile(key);
 }

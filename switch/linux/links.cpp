@@ -189,6 +189,16 @@ void Links::takeOver() {
   feeds::eraseIntfsBut(tree_, [this](IntfId intf) { return owners_.count(intf) != 0; });
 }
 
+int Links::deviceOf(IntfId intf) const {
+  const auto at = owners_.find(intf);
+  return at == owners_.end() ? 0 : at->second;
+}
+
+IntfId Links::interfaceOf(int index) const {
+  const auto at = devices_.find(index);
+  return at == devices_.end() || !at->second.port ? IntfId() : at->second.intf;
+}
+
 std::shared_ptr<void> Links::onDeviceIs(DeviceIs is) {
   for (const auto& [intf, index] : owners_) is(index, intf);
   std::shared_ptr<DeviceIs> told(new DeviceIs(std::move(is)), [this](DeviceIs* gone) {

@@ -91,6 +91,11 @@ class Links {
   // Until what it returns is destroyed.
   [[nodiscard]] std::shared_ptr<void> onDeviceIs(DeviceIs is);
 
+  // The device that is an interface, 0 for none; and the interface that a device is, or the empty
+  // one.
+  int deviceOf(platform::IntfId intf) const;
+  platform::IntfId interfaceOf(int index) const;
+
   size_t interfaces() const { return owners_.size(); }
   // The device of some interface is administratively down.
   bool someAreDown() const;

@@ -110,7 +110,7 @@ void run(uint32_t count) {
 
 int main() {
   const bool small = isSmall();
-  if (!small) warmMemory(1024);
+  if (!small) warmMemory(2048);
   run(small ? 1000 : 1'000'000);
   std::fflush(stdout);
   ::_Exit(0);  // managers live as long as the process

@@ -45,7 +45,7 @@ void check(const decap_group_t& group) {
   if (group.protocol_type() == PROTOCOL_TYPE_NULL)
     panic(invalid_argument_error("group.protocol_type()",
                                  "must pass a tunnel protocol other than PROTOCOL_TYPE_NULL"));
-  if (group.protocol_type() != PROTOCOL_TYPE_GRE) {
+  if (group.protocol_type() != PROTOCOL_TYPE_UDP) {
     std::ostringstream text;
     text << "Unsupported protocol type for decap group " << group.protocol_type();
     panic(unsupported_error(text.str()));
@@ -74,7 +74,7 @@ class DecapGroupMgrImpl final
     declare(name);
     DecapGroup* there = entries().create(name);
     there->destinationAddr.set(ryx::convert(group.destination_addr()));
-    there->tunnelType.set(TunnelType::gre);
+    there->tunnelType.set(TunnelType::udp);
   }
   void decap_group_del(const std::string& group_name) override {
     RYX_TRACE_ENTRY(trace(), 7, " group_name=" << group_name);
@@ -96,8 +96,8 @@ std::ostream& operator<<(std::ostream& out, decap_protocol_type_t type) {
   switch (type) {
     case PROTOCOL_TYPE_NULL:
       return out << "PROTOCOL_TYPE_NULL";
-    case PROTOCOL_TYPE_GRE:
-      return out << "PROTOCOL_TYPE_GRE";
+    case PROTOCOL_TYPE_UDP:
+      return out << "PROTOCOL_TYPE_UDP";
   }
   return out << static_cast<int>(type);
 }

@@ -17,7 +17,7 @@ namespace ryx {
 
 enum decap_protocol_type_t : int {
   PROTOCOL_TYPE_NULL = 0,  ///< none, which no group may have
-  PROTOCOL_TYPE_GRE = 1,   ///< RFC 2784
+  PROTOCOL_TYPE_UDP = 1,   ///< MPLS in UDP, RFC 7510
 };
 
 /// Prints the enumerator's name.

@@ -91,10 +91,10 @@ TEST_P(OwnInputTest, DecapGroups) {
   sdk.start();
   const uint8_t one[4] = {10, 0, 0, 1}, two[4] = {10, 0, 0, 2}, six[16] = {0x20, 1};
   const ip_addr_t first(AF_IPV4, one), second(AF_IPV4, two), ip6(AF_IPV6, six);
-  mgr->decap_group_set({"g", first, PROTOCOL_TYPE_GRE});
-  mgr->decap_group_set({"g", second, PROTOCOL_TYPE_GRE});
-  mgr->decap_group_set({"h", first, PROTOCOL_TYPE_GRE});
-  EXPECT_EQ(decap_group_t("g", second, PROTOCOL_TYPE_GRE), mgr->decap_group("g"));
+  mgr->decap_group_set({"g", first, PROTOCOL_TYPE_UDP});
+  mgr->decap_group_set({"g", second, PROTOCOL_TYPE_UDP});
+  mgr->decap_group_set({"h", first, PROTOCOL_TYPE_UDP});
+  EXPECT_EQ(decap_group_t("g", second, PROTOCOL_TYPE_UDP), mgr->decap_group("g"));
   EXPECT_EQ(decap_group_t(), mgr->decap_group("none"));
   const auto foreign = static_cast<decap_protocol_type_t>(7);
   says<invalid_argument_error>("Invalid argument 'group.group_name()': Empty decap group name",
@@ -117,12 +117,12 @@ TEST_P(OwnInputTest, DecapGroups) {
   });
   settle();
   const std::string g =
-      "decap_group_t(group_name='g', destination_addr=10.0.0.2, protocol_type=PROTOCOL_TYPE_GRE)\n";
+      "decap_group_t(group_name='g', destination_addr=10.0.0.2, protocol_type=PROTOCOL_TYPE_UDP)\n";
   EXPECT_EQ(g + "decap_group_t(group_name='h', destination_addr=10.0.0.1, "
-                "protocol_type=PROTOCOL_TYPE_GRE)\n",
+                "protocol_type=PROTOCOL_TYPE_UDP)\n",
             all(mgr->decap_group_iter()));
   mgr->resync_init();
-  mgr->decap_group_set({"g", second, PROTOCOL_TYPE_GRE});
+  mgr->decap_group_set({"g", second, PROTOCOL_TYPE_UDP});
   mgr->resync_complete();
   settle();
   EXPECT_EQ(g, all(mgr->decap_group_iter()));

@@ -6,9 +6,9 @@
 
 namespace ryx::platform::Tunnel::Decap {
 
-enum class TunnelType : uint8_t { none = 0, gre = 1 };
+enum class TunnelType : uint8_t { none = 0, udp = 1 };
 constexpr bool isValid(TunnelType t) {
-  return t <= TunnelType::gre;
+  return t <= TunnelType::udp;
 }
 
 struct DecapGroup : EntityType<DecapGroup> {

@@ -11,6 +11,7 @@
 #include "platform/model/ip.h"
 #include "platform/model/lldp.h"
 #include "platform/model/mpls.h"
+#include "platform/model/nexthop_group.h"
 #include "platform/model/routing.h"
 #include "platform/model/sim.h"
 #include "platform/model/statehub.h"
@@ -81,6 +82,12 @@ const std::vector<WellKnown>& wellKnown() {
       config("bfd/config/app", &typeOf<Dir>),
       config("bfd/config/intf", &typeOf<Bfd::ConfigIntf>),
       {"bfd/status/peer", &typeOf<Bfd::StatusPeer>, Access::service},
+      {"routing/nexthopgroup/input/config", &typeOf<Dir>, Access::agentOwn, 1, true},
+      {"routing/hardware/nexthopgroup/status", &typeOf<Routing::Hardware::NexthopGroupStatus>,
+       Access::service},
+      {"routing/hardware/status", &typeOf<Routing::Hardware::Status>, Access::service},
+      {"routing/hardware/mpls/status", &typeOf<Mpls::Hardware::Status>, Access::service},
+      {"routing/mpls/route/input/dynamic", &typeOf<Dir>, Access::agentOwn, 1, true},
       {"routing/mpls/vrfLabel/input/dynamic", &typeOf<Dir>, Access::agentOwn, 1, true},
       {"routing/tunneldecap/input/dynamic", &typeOf<Dir>, Access::agentOwn, 1, true},
       {"routing/vrf/input", &typeOf<Dir>, Access::agentOwn, 2, true},
@@ -104,6 +111,8 @@ void makeWellKnown(Tree& tree) {
   // The default VRF is always there; others come and go with the switch side.
   for (const char* family : {"routing", "routing6"})
     tree.make<Dir>(std::string(family) + "/vrf/input/default");
+  tree.make<Routing::Hardware::Status>("routing/hardware/status")
+      ->vrfStatus.create(VrfName(kDefaultVrf));
 }
 
 void registerModel() {
@@ -120,6 +129,8 @@ void registerModel() {
   typeOf<Interface::EthPhyIntfConfigDir>();
   typeOf<Interface::EthPhyIntfStatusDir>();
   typeOf<Routing::RouteInput>();
+  typeOf<Routing::NexthopGroup::ConfigInput>();
+  typeOf<Mpls::RouteConfigInput>();
   typeOf<Mpls::VrfLabelConfigInput>();
   typeOf<Tunnel::Decap::ConfigInput>();
   typeOf<Arp::ArpInputConfig>();

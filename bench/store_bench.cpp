@@ -28,9 +28,11 @@ struct DirtyKey {
   }
   bool operator==(const DirtyKey&) const = default;
 };
+ryx::Backlog backlog;
 class Commit final : public DirtyTable<DirtyKey, Route> {
  public:
-  explicit Commit(RouteInput& input) : DirtyTable("Commit"), input_(input) {}
+  explicit Commit(RouteInput& input)
+      : DirtyTable("Commit", backlog, ryx::BacklogRank::routes), input_(input) {}
   uint64_t committed = 0;
 
  private:

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "lib/backlog.h"
 #include "lib/raw_mounter.h"
 #include "platform/agent/connection.h"
 #include "platform/statehub/entity_manager.h"
@@ -45,6 +46,8 @@ class sdk_context {
                     const platform::ConnectionSettings& settings);
 
   RawMounter& mounter() { return mounter_; }
+  // What waits for the connection.
+  Backlog& backlog() { return backlog_; }
 
   // The agent's manager, if it was asked for; null for one that the program overrides by its own.
   static agent_mgr* agentManagerOf(sdk& context) { return context.agent_mgr_; }
@@ -78,6 +81,7 @@ class sdk_context {
   std::unique_ptr<platform::TraceControl> traces_;
   std::unique_ptr<platform::AgentContainer> container_;
   RawMounter mounter_{"mounter"};
+  Backlog backlog_;
   mount_mgr* mounts_ = nullptr;
   std::vector<std::function<void()>> managers_;  // each destroys one, in the order of creation
 };

@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "lib/backlog.h"
 #include "lib/key_table.h"
 #include "platform/activity/task.h"
 #include "platform/activity/timer.h"
@@ -27,7 +28,7 @@
 namespace ryx {
 
 template <class K, class T>
-class DirtyTable : protected platform::Task, private platform::Timer {
+class DirtyTable : protected platform::Task, private platform::Timer, private Backlog::Table {
  public:
   // A key and its working copy (`value`), which is null where the key is to be deleted.
   using Entry = typename KeyTable<K, platform::Ref<T>>::Entry;
@@ -51,11 +52,20 @@ class DirtyTable : protected platform::Task, private platform::Timer {
     entry.value = std::move(copy);
     wake();
   }
+  // It is as it is committed.
+  void clean(const K& key) {
+    if (entries_.erase(key) && isEmpty()) backlog_.emptied(rank_);
+  }
   size_t size() const { return entries_.size(); }
   Iterator iterator() const { return entries_.iterator(); }
 
  protected:
-  explicit DirtyTable(const char* name) : Task(name), Timer(name) {}
+  // Its keys have that rank in the backlog, which outlives it.
+  DirtyTable(const char* name, Backlog& backlog, BacklogRank rank)
+      : Task(name), Timer(name), backlog_(backlog), rank_(rank) {
+    backlog_.join(*this);
+  }
+  ~DirtyTable() override { backlog_.leave(*this); }
 
   // Writes what the key has become.
   virtual void commit(const K& key, T* copy) = 0;
@@ -65,8 +75,9 @@ class DirtyTable : protected platform::Task, private platform::Timer {
   virtual void deferred() {}
 
   // For run(): commits as many as the slice allows. A key that a commit makes dirty again is
-  // committed again.
+  // committed again. Nothing while it is the turn of others.
   bool commitSome(platform::Slice& slice) {
+    if (!backlog_.isTurnOf(rank_)) return false;
     most_ = std::max(most_, size());
     while (Iterator first = iterator()) {
       if (clogged()) {
@@ -80,6 +91,7 @@ class DirtyTable : protected platform::Task, private platform::Timer {
       if (slice.spent()) return true;
     }
     if (std::exchange(most_, 0) > kKeptKeys) entries_.clear();
+    backlog_.emptied(rank_);
     return false;
   }
 
@@ -89,7 +101,12 @@ class DirtyTable : protected platform::Task, private platform::Timer {
   static constexpr size_t kKeptKeys = 4096;
 
   void onTimer() override { wake(); }
+  BacklogRank rank() const override { return rank_; }
+  bool isEmpty() const override { return entries_.empty(); }
+  void turn() override { wake(); }
 
+  Backlog& backlog_;
+  const BacklogRank rank_;
   KeyTable<K, platform::Ref<T>> entries_;
   size_t most_ = 0;  // that waited since it was empty
 };

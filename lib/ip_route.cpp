@@ -228,7 +228,8 @@ class RouteInputsSm final : public platform::JournalReactor {
 
 class IpRouteMgrSm final : public DirtyTable<DirtyRouteKey, Route> {
  public:
-  explicit IpRouteMgrSm(IpRouteMgrImpl& mgr) : DirtyTable("IpRouteMgrSm"), mgr_(mgr) {}
+  IpRouteMgrSm(IpRouteMgrImpl& mgr, Backlog& backlog)
+      : DirtyTable("IpRouteMgrSm", backlog, BacklogRank::routes), mgr_(mgr) {}
 
  private:
   bool run(Slice& slice) override;
@@ -251,7 +252,8 @@ struct Declared {
 
 class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
  public:
-  explicit IpRouteMgrImpl(mount_mgr* mounts) : mount_handler(mounts) {}
+  explicit IpRouteMgrImpl(mount_mgr* mounts)
+      : mount_handler(mounts), backlog_(sdk_context::of(*mounts->get_sdk()).backlog()) {}
 
   void doMounts(mount_group& group) override {
     group.add("routing/vrf/input", "Qel::Dir", "wi");
@@ -263,7 +265,7 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
     const platform::WriterScope as(*em);
     ip_ = std::make_unique<RouteInputsSm>(*this, *em->find<Dir>("routing/vrf/input"));
     ip6_ = std::make_unique<RouteInputsSm>(*this, *em->find<Dir>("routing6/vrf/input"));
-    sm_ = std::make_unique<IpRouteMgrSm>(*this);
+    sm_ = std::make_unique<IpRouteMgrSm>(*this, backlog_);
   }
 
   // --- resync, tag ---
@@ -314,6 +316,12 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
     }
     iter->initialize();
     return ip_route_iter_t(iter.release());
+  }
+
+  size_t uncommitted() const override {
+    RYX_TRACE_ENTRY(trace(), 7, "");
+    const ApiGuard guard(*this);
+    return sm_->size();
   }
 
   ip_route_via_iter_t ip_route_via_iter(const ip_route_key_t& key) const override {
@@ -553,6 +561,7 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
     }
   }
 
+  Backlog& backlog_;
   platform::EntityManager* connection_ = nullptr;
   uint32_t tag_ = 0;
   Resync<DirtyRouteKey, Declared> resync_;

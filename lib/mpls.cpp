@@ -35,7 +35,7 @@ std::size_t mpls_label_t::hash() const {
   return platform::hashInRow(label_);
 }
 std::string mpls_label_t::to_string() const {
-  return label_ == kNone ? "none" : std::to_string(label_);
+  return "mpls_label_t(label=" + (label_ == kNone ? "none" : std::to_string(label_)) + ")";
 }
 std::ostream& operator<<(std::ostream& out, const mpls_label_t& label) {
   return out << label.to_string();

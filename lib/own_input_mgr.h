@@ -18,7 +18,8 @@
 
 namespace ryx {
 
-template <class Mgr, class Input, auto kEntries>
+// `Declared`: what a resync keeps of a key that was declared.
+template <class Mgr, class Input, auto kEntries, class Declared = bool>
 class OwnInputMgr : public Mgr, public mount_handler {
  public:
   void doMounts(mount_group& group) override { group.add(path(), Input::kTypeName, "cwS"); }
@@ -59,9 +60,10 @@ class OwnInputMgr : public Mgr, public mount_handler {
   auto& entries() const { return input_->*kEntries; }
   // While a resync is on, the key is declared, or is not any more.
   void declare(const Key& key) {
-    if (resync_.isOn()) resync_.declare(key);
+    if (resync_.isOn()) resync_.declare(key) = {};
   }
   void withdraw(const Key& key) { resync_.withdraw(key); }
+  Resync<Key, Declared>& resync() { return resync_; }
 
  private:
   std::string path() const { return std::string(place_) + "/" + this->get_mount_point_name(); }
@@ -70,7 +72,7 @@ class OwnInputMgr : public Mgr, public mount_handler {
   const char* const place_;
   platform::TraceFacility& trace_;
   Input* input_ = nullptr;
-  Resync<Key, bool> resync_;
+  Resync<Key, Declared> resync_;
 };
 
 }  // namespace ryx

@@ -36,12 +36,6 @@ void sdk::init_eth_phy_intf_counter_mgr() {
 eth_phy_intf_counter_mgr* sdk::get_eth_phy_intf_counter_mgr() {
   return get(eth_phy_intf_counter_mgr_, &sdk::init_eth_phy_intf_counter_mgr, {});
 }
-void sdk::init_fib_mgr(mgr_mode_type_t) {
-  unbuilt("fib_mgr");
-}
-fib_mgr* sdk::get_fib_mgr(mgr_mode_type_t mode) {
-  return get(fib_mgr_, &sdk::init_fib_mgr, {}, mode);
-}
 void sdk::init_hardware_table_mgr() {
   unbuilt("hardware_table_mgr");
 }
@@ -77,18 +71,6 @@ void sdk::init_mlag_mgr() {
 }
 mlag_mgr* sdk::get_mlag_mgr() {
   return get(mlag_mgr_, &sdk::init_mlag_mgr, {});
-}
-void sdk::init_mpls_route_mgr() {
-  unbuilt("mpls_route_mgr");
-}
-mpls_route_mgr* sdk::get_mpls_route_mgr() {
-  return get(mpls_route_mgr_, &sdk::init_mpls_route_mgr, {});
-}
-void sdk::init_nexthop_group_mgr() {
-  unbuilt("nexthop_group_mgr");
-}
-nexthop_group_mgr* sdk::get_nexthop_group_mgr() {
-  return get(nexthop_group_mgr_, &sdk::init_nexthop_group_mgr, {});
 }
 void sdk::init_pathflow_mgr() {
   unbuilt("pathflow_mgr");

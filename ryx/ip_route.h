@@ -186,6 +186,8 @@ class RYX_API ip_route_mgr {
 
   /// All routes, of every VRF and both families.
   virtual ip_route_iter_t ip_route_iter() const = 0;
+  /// How many routes were changed and have not been told to the switch yet.
+  virtual std::size_t uncommitted() const = 0;
   /// The vias of a route. A route that drops has one, by Null0; one to a nexthop group has one,
   /// which names it. Raises an error for a route that is not there: "Cannot call
   /// ip_route_via_iter() for nonexistent route".

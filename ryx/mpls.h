@@ -31,7 +31,7 @@ class RYX_API mpls_label_t {
   /// By the number; none comes last.
   bool operator<(const mpls_label_t& other) const;
   std::size_t hash() const;
-  /// The decimal number; "none" without a label.
+  /// "mpls_label_t(label=100)"; "none" where the number would be without a label.
   std::string to_string() const;
 
  private:

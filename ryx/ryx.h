@@ -13,6 +13,7 @@
 #include <ryx/eth_phy_intf.h>
 #include <ryx/event_loop.h>
 #include <ryx/fd.h>
+#include <ryx/fib.h>
 #include <ryx/get_agent_process_name.h>
 #include <ryx/host.h>
 #include <ryx/intf.h>
@@ -23,8 +24,10 @@
 #include <ryx/iter_base.h>
 #include <ryx/mount.h>
 #include <ryx/mpls.h>
+#include <ryx/mpls_route.h>
 #include <ryx/mpls_vrf_label.h>
 #include <ryx/neighbor_table.h>
+#include <ryx/nexthop_group.h>
 #include <ryx/panic.h>
 #include <ryx/print_profiles.h>
 #include <ryx/sdk.h>

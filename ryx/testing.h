@@ -54,6 +54,12 @@ class RYX_API simulated_switch {
   ///     internal-vlan INTF VLAN                (0: none any more)
   ///     neighbor-learn IP INTF MAC             neighbor-age IP INTF
   ///     bfd-peer IP VRF INTF|- STATE           (down, init, up, admin-down, other; auto)
+  ///     nexthop-group-capability TYPE MAXLABELS ACTION,...
+  ///                                            (ip-in-ip, gre, mpls, mpls-over-gre, ip; none: not
+  ///                                            supported; push, pop, swap, forward, or - for none)
+  ///     nexthop-group-count GROUP ENTRY PACKETS OCTETS
+  ///     nexthop-group-clear GROUP ENTRY        (its counters count from zero)
+  ///     clogged on|off                         (whether connections take no more)
   ///
   /// Empty lines and what stands behind '#' are nothing. The state changes at once; handlers hear
   /// of it in the loop. Raises a configuration_error that names the first line that is wrong and

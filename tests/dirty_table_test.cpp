@@ -22,15 +22,19 @@ RouteKey key(uint8_t n) {
   return {platform::IpPrefix(platform::IpAddr::v4(uint32_t{n} << 24), 8), 1};
 }
 
+Backlog backlog;
+
 class Routes final : public DirtyTable<RouteKey, Route> {
  public:
-  Routes() : DirtyTable("Routes") {}
+  explicit Routes(BacklogRank rank = BacklogRank::routes) : Routes(backlog, rank) {}
+  Routes(Backlog& of, BacklogRank rank) : DirtyTable("Routes", of, rank) {}
   void tag(uint8_t n, uint32_t tag) {
     Ref<Route> working = platform::make<Route>(key(n));
     working->tag.set(tag);
     set(key(n), working);
   }
   std::string take() { return std::exchange(told_, {}); }
+  void putInto(std::string* told) { told_in_ = told; }
 
   bool full = false;  // the connection
   int putOff = 0;
@@ -44,9 +48,11 @@ class Routes final : public DirtyTable<RouteKey, Route> {
     EXPECT_FALSE(isDirty(of));
     told_ += std::to_string(of.prefix.addr().v4() >> 24) +
              (working ? "=" + std::to_string(working->tag()) : " gone") + " ";
+    if (told_in_) *told_in_ += std::exchange(told_, {});
     if (again > 0 && again-- > 0) tag(static_cast<uint8_t>(of.prefix.addr().v4() >> 24), 99);
   }
   std::string told_;
+  std::string* told_in_ = nullptr;
 };
 
 TEST(DirtyTable, CommitsEachKeyOnceInTheOrderInWhichItBecameDirty) {
@@ -131,6 +137,37 @@ TEST(DirtyTable, IteratorsOutliveCommits) {
   copy.next();
   ASSERT_TRUE(copy);
   EXPECT_EQ(7u, copy->value->tag());
+}
+
+TEST(DirtyTable, TablesOfOneConnectionGoByTheirRank) {
+  platform::VirtualClock clock;
+  Backlog of;
+  std::string told;
+  Routes deletions(of, BacklogRank::groupDeletions), routes(of, BacklogRank::routes),
+      groups(of, BacklogRank::groups);
+  for (Routes* table : {&deletions, &routes, &groups}) {
+    table->putInto(&told);
+    table->full = true;
+  }
+  deletions.set(key(3), nullptr);
+  routes.tag(2, 2);
+  groups.tag(1, 1);
+  activity().run(0);
+  routes.full = deletions.full = false;  // they could, but it is not their turn
+  clock.advance(0.01);
+  activity().run(0);
+  EXPECT_EQ("", told);
+  groups.full = false;
+  clock.advance(0.01);
+  activity().run(0);
+  EXPECT_EQ("1=1 2=2 3 gone ", told);
+  groups.full = true;
+  groups.tag(1, 1);
+  deletions.set(key(3), nullptr);
+  activity().run(0);
+  groups.clean(key(1));  // nobody waits for it any more
+  activity().run(0);
+  EXPECT_EQ("1=1 2=2 3 gone 3 gone ", told);
 }
 
 }  // namespace

@@ -420,6 +420,16 @@ TEST_P(IpRouteTest, RandomOperationsAgainstAModel) {
     settle();
     Model model;
     std::set<std::string> vrfs = {"default"};
+    bool isClogged = false;
+    const auto clogged = [&](bool is) {
+      isClogged = is;
+      sdk.connection().tree().cloggedIs(is);
+      clock.advance(0.01);
+    };
+    const auto commit = [&] {
+      settle();
+      if (!isClogged) model.commit(vrfs);
+    };
     const auto pick = [&](size_t n) { return random() % n; };
     for (const char* vrf : {"red", "blue"}) vrfIs(vrf, false);
     settle();
@@ -443,7 +453,7 @@ TEST_P(IpRouteTest, RandomOperationsAgainstAModel) {
         }
         EXPECT_EQ(passes, passed);
       };
-      switch (pick(14)) {
+      switch (pick(15)) {
         case 0:
         case 1:
         case 2: {
@@ -492,8 +502,7 @@ TEST_P(IpRouteTest, RandomOperationsAgainstAModel) {
           mgr->tag_is(tag);
           break;
         case 12:
-          settle();
-          model.commit(vrfs);
+          commit();
           if (vrf == "default") break;
           vrfIs(vrf, !vrfs.count(vrf));
           settle();
@@ -502,9 +511,11 @@ TEST_P(IpRouteTest, RandomOperationsAgainstAModel) {
           else
             std::erase_if(model.committed, [&](const auto& e) { return e.first.first == vrf; });
           break;
+        case 13:
+          clogged(!isClogged);
+          break;
         default:
-          settle();
-          model.commit(vrfs);
+          commit();
       }
       if (pick(6) != 0) continue;
       // What the agent sees, committed or not.
@@ -530,8 +541,8 @@ TEST_P(IpRouteTest, RandomOperationsAgainstAModel) {
       for (auto it = mgr->ip_route_iter(); it; ++it) seen.insert(it->to_string());
       ASSERT_EQ(expected, seen);
       // And what stands in the state.
-      settle();
-      model.commit(vrfs);
+      clogged(false);
+      commit();
       for (const std::string& name : vrfs) {
         std::set<std::string> lines;
         for (const auto& [one, entry] : model.committed) {
@@ -551,6 +562,7 @@ TEST_P(IpRouteTest, RandomOperationsAgainstAModel) {
         ASSERT_EQ(all, inputs("a", name)) << name;
       }
     }
+    clogged(false);
     if (model.isResyncing) mgr->resync_complete();
     mgr->tag_is(0);
   });

@@ -64,7 +64,8 @@ TEST_P(OwnInputTest, LabelsLeadToVrfs) {
   mgr->mpls_vrf_label_del(tooLarge);
   others->mpls_vrf_label_set({ten, "green"});
   settle();
-  EXPECT_EQ("mpls_vrf_label_t(label=10, vrf_name='blue')\n", all(mgr->mpls_vrf_label_iter()));
+  EXPECT_EQ("mpls_vrf_label_t(label=mpls_label_t(label=10), vrf_name='blue')\n",
+            all(mgr->mpls_vrf_label_iter()));
   auto* input =
       find<platform::Mpls::VrfLabelConfigInput>("routing/mpls/vrfLabel/input/dynamic/RyxSdk-a");
   ASSERT_NE(nullptr, input);
@@ -80,9 +81,11 @@ TEST_P(OwnInputTest, LabelsLeadToVrfs) {
   mgr->mpls_vrf_label_del(mpls_label_t(30));
   mgr->resync_complete();
   settle();
-  EXPECT_EQ("mpls_vrf_label_t(label=10, vrf_name='blue')\n", all(mgr->mpls_vrf_label_iter()));
+  EXPECT_EQ("mpls_vrf_label_t(label=mpls_label_t(label=10), vrf_name='blue')\n",
+            all(mgr->mpls_vrf_label_iter()));
   EXPECT_EQ(1u, input->vrfLabel.size());
-  EXPECT_EQ("mpls_vrf_label_t(label=10, vrf_name='green')\n", all(others->mpls_vrf_label_iter()));
+  EXPECT_EQ("mpls_vrf_label_t(label=mpls_label_t(label=10), vrf_name='green')\n",
+            all(others->mpls_vrf_label_iter()));
 }
 
 TEST_P(OwnInputTest, DecapGroups) {

@@ -33,7 +33,8 @@ using testing::internal::GetCapturedStderr;
 
 const std::string kCommands =
     "interface-add, interface-del, oper-status, vrf-add, vrf-state, vrf-del, internal-vlan, "
-    "neighbor-learn, neighbor-age, bfd-peer";
+    "neighbor-learn, neighbor-age, bfd-peer, nexthop-group-capability, nexthop-group-count, "
+    "nexthop-group-clear, clogged";
 
 class SimTest : public testing::Test {
  protected:

@@ -31,16 +31,22 @@ TableBase::TableBase(Exchange& exchange, std::string_view name, const RowType& t
     status_ = MountStatus::success;
     return;
   }
-  exchange_.attach(name_, *this);
-  wake();
+  attachedIs(true);
 }
 
 TableBase::~TableBase() {
   for (Follower* follower : followers_) follower->table_ = nullptr;
-  if (mode_ != Mode::write)
-    exchange_.detach(name_, *this);
-  else if (isOffered_)
-    exchange_.withdraw(name_, incarnation());
+  attachedIs(false);
+  if (isOffered_) exchange_.withdraw(name_, incarnation());
+}
+
+void TableBase::attachedIs(bool attached) {
+  if (mode_ == Mode::write || isAttached_ == attached) return;
+  isAttached_ = attached;
+  isStale_ = attached;
+  reader_.reset();
+  attached ? exchange_.attach(name_, *this) : exchange_.detach(name_, *this);
+  wake();
 }
 
 void TableBase::tableChanged() {

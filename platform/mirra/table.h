@@ -78,6 +78,10 @@ class RYX_PRIVATE TableBase : private Listener, private Task {
   // The table as it is now; it stays readable as long as somebody holds it. Null: there is none.
   const std::shared_ptr<const RowReader>& reader() const { return reader_; }
 
+  // A reader's handle lets go of its table at once, which its followers hear as the end of all that
+  // they were told of; or it takes what is offered again.
+  void attachedIs(bool attached);
+
   // --- the writer's; the others throw ReadOnlyError ---
   // Hands the table over, in the place of what has the name.
   void offer();
@@ -112,6 +116,7 @@ class RYX_PRIVATE TableBase : private Listener, private Task {
   std::string fault_;
   bool isStale_ = true;  // what is offered has to be looked at
   bool isOffered_ = false;
+  bool isAttached_ = false;
   std::shared_ptr<Memory> memory_;  // a writer's
   std::unique_ptr<RowWriter> writer_;
   std::shared_ptr<const RowReader> reader_;

@@ -60,6 +60,9 @@ class RYX_PRIVATE Tree {
   mirra::Exchange& tables() { return *tables_; }
   mirra::LocalExchange& ownTables() { return *ownTables_; }
   void tablesAre(mirra::Exchange& exchange) { tables_ = &exchange; }
+  // A switch that is only played may say that connections on this tree take no more.
+  bool isClogged() const { return isClogged_; }
+  void cloggedIs(bool isClogged) { isClogged_ = isClogged; }
 
   // What stands at "a/b/c", or null. Slashes at the ends and double ones do not matter.
   Entity* find(std::string_view path);
@@ -82,6 +85,7 @@ class RYX_PRIVATE Tree {
   Ref<Dir> root_;
   std::unique_ptr<mirra::LocalExchange> ownTables_;
   mirra::Exchange* tables_;
+  bool isClogged_ = false;
 };
 
 }  // namespace ryx::platform

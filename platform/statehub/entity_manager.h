@@ -89,7 +89,7 @@ class RYX_PRIVATE EntityManager : public Writer {
   virtual size_t unsentBytes() const = 0;
   // More than that many are unsent: a writer of much should wait.
   static constexpr size_t kCloggedBytes = 256 * 1024;
-  virtual bool clogged() const { return unsentBytes() > kCloggedBytes; }
+  bool clogged() { return tree().isClogged() || unsentBytes() > kCloggedBytes; }
   // Nothing that was written here is unsent: neither bytes nor changes that wait to be encoded.
   virtual bool drained() const = 0;
   // --- the connection; embedded there is none, and it is always there ---

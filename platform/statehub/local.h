@@ -6,6 +6,7 @@
 // (or from RYX_FEED_DIR): libryx.so itself knows no kernel and no simulation.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -32,6 +33,9 @@ class Feed {
   // It stands in the place of one that is no more: what that one left in the state, and this one
   // does not know, goes.
   virtual void takeOver() {}
+  // Calls `then`, once, when all that it knows is in the state and in its tables: at once, or from
+  // the loop.
+  virtual void whenSettled(std::function<void()> then) { then(); }
 };
 
 // A feed's module. It stays loaded.

@@ -54,9 +54,11 @@ int serve(const std::string& service, int fd) {
       return activity().executionTimeIs(0);
     }
     feed->takeOver();
-    em->tree().tables().settle();
-    auto* mine = em->find<Dir>(kStatuses)->entry.create<GenericAgent::Service>(name);
-    mine->pid.set(static_cast<uint32_t>(::getpid()));
+    feed->whenSettled([&] {
+      em->tree().tables().settle();
+      auto* mine = em->find<Dir>(kStatuses)->entry.create<GenericAgent::Service>(name);
+      mine->pid.set(static_cast<uint32_t>(::getpid()));
+    });
   });
   activity().run(std::numeric_limits<double>::infinity());
   return status;

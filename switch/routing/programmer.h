@@ -98,7 +98,7 @@ struct Capability {
   std::vector<platform::Mpls::Action> actions;
 };
 
-// What a programmer says. Called from the loop, never from within a call to the programmer.
+// What a programmer says: at once, from within the call that asked for it, or later.
 class Outcomes {
  public:
   virtual ~Outcomes() = default;
@@ -129,6 +129,9 @@ class Programmer {
   // `before`: what the route was; null: it is new.
   virtual void setRoute(const RouteKey& key, const RouteValue& value, const RouteValue* before) = 0;
   virtual void removeRoute(const RouteKey& key, const RouteValue& before) = 0;
+
+  // Nothing more is to be told for now: what was told is what there is to be.
+  virtual void settled() {}
 };
 
 }  // namespace ryx::routing

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <optional>
 #include <unordered_map>
 #include <utility>
 
@@ -135,6 +136,7 @@ class Resolver::Core final : private Task, private Timer, private Outcomes {
   std::unordered_map<uint64_t, std::vector<Hop*>> loops_;
   std::map<std::pair<Destinations*, IpPrefix>, Ref<Entry>> refused_;
 
+  bool isSettled_ = false;
   uint64_t runs_ = 0;
   uint64_t lastGroup_ = 0;
   uint64_t lastLoop_ = 0;
@@ -496,7 +498,7 @@ bool Resolver::Core::run(Slice& slice) {
   ++runs_;
   while (step())
     if (slice.spent()) return true;
-  return !lost_.empty();
+  return !isSettled_;  // there is more to be told
 }
 
 void Resolver::Core::onTimer() {
@@ -526,6 +528,8 @@ bool Resolver::Core::step() {
   if (!entriesToProgram_.empty()) return program(*entriesToProgram_.pop()), true;
   if (!fecsToWithdraw_.empty()) return withdraw(*fecsToWithdraw_.pop()), true;
   for (const Name& vrf : std::exchange(vrfsToRemove_, {})) remove(vrf);
+  isSettled_ = lost_.empty() && !isHearing_();
+  if (isSettled_) programmer_.settled();
   return false;
 }
 
@@ -749,24 +753,24 @@ void Resolver::Core::program(Fec& fec) {
   for (const GroupMember& gone : before) nextHops_.release(gone, programmer_);
 }
 
+// All is noted before the programmer is called: it may answer at once.
 void Resolver::Core::program(Entry& entry) {
   entry.isToProgram = false;
-  Destinations& table = *entry.table;
+  const Ref<Entry> kept(&entry);
+  const RouteKey key = entry.table->keyOf(entry);
   const bool isSame = entry.told == entry.chosen && entry.toldChoice == entry.choice;
-  RouteValue before;
+  std::optional<RouteValue> before;
   if (entry.told) before = entry.toldChoice.with(*entry.told);
-  if (entry.chosen && !isSame) {
-    ++programmed_;
-    programmer_.setRoute(table.keyOf(entry), entry.choice.with(*entry.chosen),
-                         entry.told ? &before : nullptr);
-  } else if (!entry.chosen && entry.told) {
-    ++programmed_;
-    programmer_.removeRoute(table.keyOf(entry), before);
-  }
   entry.toldChoice = entry.choice;
   toldIs(entry, entry.chosen);
-  if (!refused_.empty()) refused_.erase({&table, entry.key()});
-  if (!entry.told && !entry.candidates && !entry.isDirty) table.entries->entry.remove(entry);
+  if (!refused_.empty()) refused_.erase({entry.table, entry.key()});
+  if (!entry.told && !entry.candidates && !entry.isDirty) entry.table->entries->entry.remove(entry);
+  if (isSame || (!entry.chosen && !before)) return;
+  ++programmed_;
+  if (entry.chosen)
+    programmer_.setRoute(key, entry.choice.with(*entry.chosen), before ? &*before : nullptr);
+  else
+    programmer_.removeRoute(key, *before);
 }
 
 void Resolver::Core::toldIs(Entry& entry, Fec* fec) {

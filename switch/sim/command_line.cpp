@@ -53,6 +53,22 @@ bool code(Argument* a) {
   return number(a, 255);
 }
 
+bool count(Argument* a) {
+  return number(a, UINT32_MAX);
+}
+
+bool entry(Argument* a) {
+  return number(a, UINT16_MAX);
+}
+
+bool labels(Argument* a) {
+  return a->text == "none" || number(a, 255);
+}
+
+bool onOff(Argument* a) {
+  return a->text == "on" || a->text == "off";
+}
+
 bool vlanOrNone(Argument* a) {
   return number(a, platform::VlanId::kMax);
 }
@@ -80,6 +96,14 @@ constexpr Kind kKinds[] = {
     {"MAC", macAddress, "a MAC address, like 00:1c:73:00:00:01"},
     {"VLAN", vlanOrNone, "a VLAN from 1 to 4094, or 0 for none"},
     {"CODE", code, "a number from 0 to 255"},
+    {"GROUP", word, "the name of a nexthop group"},
+    {"ENTRY", entry, "the number of an entry, from 0 to 65535"},
+    {"PACKETS", count, "a number of packets"},
+    {"OCTETS", count, "a number of octets"},
+    {"TYPE", word, "a type of nexthop groups"},
+    {"MAXLABELS", labels, "a number of labels, or none"},
+    {"ACTION,...", word, "actions with commas between them, or - for none"},
+    {"on|off", onOff, "on or off"},
     {"kernel-name", deviceName, "a network device's name, at most 15 bytes"},
 };
 

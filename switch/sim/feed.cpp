@@ -26,6 +26,7 @@ class SimFeed final : public Feed {
   }
   std::string command(std::string_view line) override { return sim_.command(line); }
   void takeOver() override { sim_.takeOver(); }
+  void whenSettled(std::function<void()> then) override { sim_.whenSettled(std::move(then)); }
 
  private:
   ryx::sim::Sim sim_;

@@ -62,6 +62,10 @@ const Sim::Command Sim::kCommands[] = {
     {"neighbor-learn", "IP INTF MAC", &Sim::learnNeighbor},
     {"neighbor-age", "IP INTF", &Sim::ageNeighbor},
     {"bfd-peer", "IP VRF INTF|- STATE", &Sim::holdBfdPeer},
+    {"nexthop-group-capability", "TYPE MAXLABELS ACTION,...", &Sim::setCapability},
+    {"nexthop-group-count", "GROUP ENTRY PACKETS OCTETS", &Sim::countAtEntry},
+    {"nexthop-group-clear", "GROUP ENTRY", &Sim::clearEntry},
+    {"clogged", "on|off", &Sim::clog},
 };
 
 namespace {
@@ -76,7 +80,13 @@ std::string unknownVrf(const std::string& name) {
 
 }  // namespace
 
-Sim::Sim(Tree& tree) : tree_(tree), addresses_(tree), neighbors_(tree), bfd_(tree) {
+Sim::Sim(Tree& tree)
+    : tree_(tree),
+      addresses_(tree),
+      neighbors_(tree),
+      bfd_(tree),
+      dataPlane_(tree),
+      routing_(tree, dataPlane_) {
   feeds::showDefaultVrf(tree_);
 }
 
@@ -188,6 +198,11 @@ std::string Sim::ageNeighbor(const Arguments& arguments) {
 
 std::string Sim::holdBfdPeer(const Arguments& arguments) {
   return bfd_.hold({arguments[0].ip, arguments[1].text, arguments[2].intf}, arguments[3].text);
+}
+
+std::string Sim::clog(const Arguments& arguments) {
+  tree_.cloggedIs(arguments[0].text == "on");
+  return {};
 }
 
 std::string Sim::setOperStatus(const Arguments& arguments) {

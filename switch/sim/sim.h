@@ -11,6 +11,11 @@
 //   neighbor-learn IP INTF MAC          neighbours (neighbors.h)
 //   neighbor-age IP INTF
 //   bfd-peer IP VRF INTF|- STATE        BFD sessions (bfd.h)
+//   nexthop-group-capability ...        routes and nexthop groups (data_plane.h)
+//   nexthop-group-count ...
+//   nexthop-group-clear ...
+//   clogged on|off                      whether the connections of the agents in this process take
+//                                       no more
 //
 // A new interface is operationally down (code 2), a loopback interface up (1). One that is set
 // administratively off shows down (2) whatever happens at its port, and when it is on again, what
@@ -19,17 +24,21 @@
 // Called under the activity lock, owned by the feed; it outlives neither the tree nor the loop.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 #include "platform/qel/dir.h"
 #include "platform/types/intf.h"
+#include "switch/routing/inputs.h"
 #include "switch/sim/addresses.h"
 #include "switch/sim/bfd.h"
 #include "switch/sim/command_line.h"
+#include "switch/sim/data_plane.h"
 #include "switch/sim/neighbors.h"
 
 namespace ryx::sim {
@@ -48,6 +57,9 @@ class Sim {
   // The tree's interfaces that are none of its own go.
   void takeOver();
 
+  // Calls `then` when the routes that there were when it began are in its tables.
+  void whenSettled(std::function<void()> then) { dataPlane_.whenSettled(std::move(then)); }
+
   size_t interfaces() const { return ports_.size(); }
 
  private:
@@ -65,6 +77,10 @@ class Sim {
   std::string learnNeighbor(const Arguments& arguments);
   std::string ageNeighbor(const Arguments& arguments);
   std::string holdBfdPeer(const Arguments& arguments);
+  std::string setCapability(const Arguments& arguments) { return dataPlane_.capability(arguments); }
+  std::string countAtEntry(const Arguments& arguments) { return dataPlane_.count(arguments); }
+  std::string clearEntry(const Arguments& arguments) { return dataPlane_.clear(arguments); }
+  std::string clog(const Arguments& arguments);
 
   platform::Tree& tree_;
   std::unordered_map<platform::IntfId, std::unique_ptr<Port>> ports_;
@@ -72,6 +88,8 @@ class Sim {
   Addresses addresses_;
   Neighbors neighbors_;
   Bfd bfd_;
+  DataPlane dataPlane_;
+  routing::Inputs routing_;
 };
 
 }  // namespace ryx::sim

@@ -1,0 +1,58 @@
+// What is shown of nexthop groups that are programmed: the table of groups with their vias, and for
+// each entry which counter counts it, with the counter. For programmers, which say what they have
+// done. Under the activity lock.
+//
+//   routing/nexthopgroup/entrystatus          by the group's number: its name and vias
+//   tunnel/nexthop/counterkeyinfo             by group and entry: feature, slice, key of a counter
+//   flexCounter/counterTable/FEATURE/SLICE    by that key: what was counted
+//   flexCounter/snapshotCounterTable/...      by that key: what was counted when it was last
+//   cleared
+#pragma once
+
+#include <cstdint>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/mirra/table.h"
+#include "platform/model/tables.h"
+#include "platform/qel/dir.h"
+#include "switch/routing/programmer.h"
+
+namespace ryx::routing {
+
+// As the forwarding tables show them.
+platform::Fib::Via viaOf(const NextHop& nextHop, uint32_t weight);
+
+// What of it agents may rely on: "routing/hardware/nexthopgroup/status".
+void showCapabilities(platform::Tree& tree, const std::vector<Capability>& capabilities);
+
+class GroupTables {
+ public:
+  // `tree` outlives it.
+  explicit GroupTables(platform::Tree& tree);
+
+  void show(const Group& group);
+  void hide(GroupId id);
+
+  // The number of a group that is shown; 0: none.
+  GroupId named(const platform::Name& name) const;
+  // Adds to what an entry has counted. False: it is not shown.
+  bool count(GroupId group, uint16_t entry, uint64_t packets, uint64_t octets);
+  // From now on the entry counts from zero, for whoever reads it.
+  bool clear(GroupId group, uint16_t entry);
+
+ private:
+  bool find(GroupId group, uint16_t entry, platform::FlexCounter::Counter* counter) const;
+
+  platform::mirra::Table<platform::NexthopGroup::EntryStatus> groups_;
+  platform::mirra::Table<platform::Tunnel::NexthopCounterKeyInfo> keys_;
+  platform::mirra::Table<platform::FlexCounter::Counter> counters_;
+  platform::mirra::Table<platform::FlexCounter::Counter> snapshots_;
+  struct Shown {
+    platform::Name name;
+    std::vector<uint16_t> entries;
+  };
+  std::unordered_map<GroupId, Shown> shown_;
+};
+
+}  // namespace ryx::routing

@@ -53,6 +53,7 @@ using platform::Routing::NexthopGroup::ConfigInput;
 using platform::Routing::NexthopGroup::MplsAction;
 using platform::Routing::NexthopGroup::NexthopGroupConfigEntry;
 using platform::Routing::NexthopGroup::Type;
+using platform::Tunnel::CounterKey;
 using platform::Tunnel::NexthopCounterKeyInfo;
 
 constexpr uint32_t kMaxName = 256;
@@ -248,7 +249,7 @@ class NexthopGroupBacklog final : public DirtyTable<Name, NexthopGroupConfigEntr
 
 // A group that the hardware has.
 struct NexthopGroupAdjacencySm {
-  std::string name;
+  Name name;
   bool isActive = false;  // it has a way for packets
 };
 
@@ -260,7 +261,7 @@ class NexthopGroupMgrSm final : public platform::mirra::RowReactor<EntryStatus> 
 
   // The number of an active group of that name; 0: there is none.
   uint64_t numberOf(const std::string& name) const {
-    const auto at = active_.find(name);
+    const auto at = active_.find(Name(name));
     return at == active_.end() ? 0 : at->second.back();
   }
 
@@ -272,7 +273,10 @@ class NexthopGroupMgrSm final : public platform::mirra::RowReactor<EntryStatus> 
   NexthopGroupMgrImpl& mgr_;
   std::unordered_map<uint64_t, NexthopGroupAdjacencySm> adjacencies_;
   // The numbers of the active groups of each name, mostly one: one may come before another goes.
-  std::unordered_map<std::string, std::vector<uint64_t>> active_;
+  struct NameHash {
+    size_t operator()(const Name& name) const { return name.hash(); }
+  };
+  std::unordered_map<Name, std::vector<uint64_t>, NameHash> active_;
 };
 
 }  // namespace
@@ -356,16 +360,17 @@ class NexthopGroupMgrImpl final : public nexthop_group_mgr, public mount_handler
   nexthop_group_counter_t counter(const std::string& name, uint16_t entry) const override {
     RYX_TRACE_ENTRY(trace(), 7, " name=" << name << " entry=" << entry);
     const ApiGuard guard(*this);
-    NexthopCounterKeyInfo info;
     const uint64_t number = sm_->numberOf(name);
-    if (number == 0 || !counterKeys_->find({number, entry}, &info))
-      panic("Invalid entry (%u) in nexthop %s", entry, name.c_str());
-    const CounterTables& slice = counterTables(info);
+    const std::vector<CounterKey> keys = counterKeysOf(number);
+    const auto key = std::find_if(keys.begin(), keys.end(),
+                                  [entry](const CounterKey& k) { return k.entry == entry; });
+    if (key == keys.end()) panic("Invalid entry (%u) in nexthop %s", entry, name.c_str());
+    const CounterTables& slice = counterTables(*key);
     Counter now, before;
-    if (!slice.counters.find(info.counter, &now))
+    if (!slice.counters.find(key->counter, &now))
       panic("Counter for entry(%u) in nexthop group %s not found", entry, name.c_str());
     // Without a snapshot all that was counted counts, and so it does when the counter began anew.
-    slice.snapshots.find(info.counter, &before);
+    slice.snapshots.find(key->counter, &before);
     const auto since = [](uint64_t n, uint64_t then) { return n < then ? n : n - then; };
     return {since(now.packets, before.packets), since(now.octets, before.octets)};
   }
@@ -413,13 +418,9 @@ class NexthopGroupMgrImpl final : public nexthop_group_mgr, public mount_handler
     dispatch_key(name, &nexthop_group_handler::on_nexthop_group_active, name, isActive);
   }
   // A group is programmed, so that its entries have counters: their tables have to be mounted
-  // before somebody asks. The entry of the lowest number stands for all.
-  void discoverCounters(uint64_t number, const Name& name) {
-    const NexthopGroupConfigEntry* own = current(name);
-    const bool hasEntries = own && !own->destinationIp().empty();
-    const uint64_t entry = hasEntries ? own->destinationIp().begin()->first : 0;
-    NexthopCounterKeyInfo info;
-    if (counterKeys_->find({number, entry}, &info)) counterTables(info);
+  // before somebody asks.
+  void discoverCounters(uint64_t number) {
+    for (const CounterKey& key : counterKeysOf(number)) counterTables(key);
   }
 
  private:
@@ -435,11 +436,17 @@ class NexthopGroupMgrImpl final : public nexthop_group_mgr, public mount_handler
     return "routing/nexthopgroup/input/config/" + get_mount_point_name();
   }
   platform::mirra::Exchange& tables() const { return connection_->tree().tables(); }
-  CounterTables& counterTables(const NexthopCounterKeyInfo& info) const {
-    auto& slice = counterTables_[{info.feature, info.slice}];
+  std::vector<CounterKey> counterKeysOf(uint64_t number) const {
+    NexthopCounterKeyInfo row;
+    std::vector<CounterKey> keys;
+    counterKeys_->find(number, &row, &keys);
+    return keys;
+  }
+  CounterTables& counterTables(const CounterKey& key) const {
+    auto& slice = counterTables_[{key.feature, key.slice}];
     if (!slice)
       slice = std::make_unique<CounterTables>(
-          tables(), std::to_string(info.feature) + "/" + std::to_string(info.slice));
+          tables(), std::to_string(key.feature) + "/" + std::to_string(key.slice));
     return *slice;
   }
 
@@ -492,9 +499,9 @@ void NexthopGroupBacklog::commit(const Name& name, NexthopGroupConfigEntry* copy
 void NexthopGroupMgrSm::onRow(const EntryStatus& row, std::span<const Element> vias) {
   const auto [at, isNew] = adjacencies_.try_emplace(row.key);
   if (isNew) {
-    at->second.name = row.name.view();
-    RYX_TRACE(trace(), 5, "handleNexthopGroup: add nhgName=" << at->second.name);
-    mgr_.discoverCounters(row.key, Name(row.name.view()));
+    at->second.name = Name(row.name.view());
+    RYX_TRACE(trace(), 5, "handleNexthopGroup: add nhgName=" << row.name.view());
+    mgr_.discoverCounters(row.key);
   }
   handleNexthopGroupStatus(row.key, at->second, !vias.empty());
 }
@@ -504,7 +511,7 @@ void NexthopGroupMgrSm::onRowGone(const uint64_t& id) {
   if (at == adjacencies_.end()) return;
   NexthopGroupAdjacencySm gone = std::move(at->second);
   adjacencies_.erase(at);
-  RYX_TRACE(trace(), 5, "handleNexthopGroup: del nhgName=" << gone.name);
+  RYX_TRACE(trace(), 5, "handleNexthopGroup: del nhgName=" << gone.name.view());
   handleNexthopGroupStatus(id, gone, false);
 }
 
@@ -512,7 +519,7 @@ void NexthopGroupMgrSm::onRowGone(const uint64_t& id) {
 void NexthopGroupMgrSm::handleNexthopGroupStatus(uint64_t id, NexthopGroupAdjacencySm& adjacency,
                                                  bool isActive) {
   if (std::exchange(adjacency.isActive, isActive) == isActive) return;
-  const std::string name = adjacency.name;
+  const Name name = adjacency.name;
   std::vector<uint64_t>& numbers = active_[name];
   const bool was = !numbers.empty();
   if (isActive)
@@ -521,7 +528,7 @@ void NexthopGroupMgrSm::handleNexthopGroupStatus(uint64_t id, NexthopGroupAdjace
     std::erase(numbers, id);
   const bool is = !numbers.empty();
   if (!is) active_.erase(name);
-  if (was != is) mgr_.activeIs(name, is);
+  if (was != is) mgr_.activeIs(std::string(name.view()), is);
 }
 
 }  // namespace

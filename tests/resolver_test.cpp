@@ -178,8 +178,8 @@ struct Fixture : ::testing::Test {
     GroupConfig config;
     config.type = type;
     for (const std::string& d : destinations)
-      config.entries[static_cast<uint16_t>(config.entries.size())].destination = addr(d);
-    resolver.groupIs(Name(name), &config);
+      config.entries.push_back({static_cast<uint16_t>(config.entries.size()), addr(d), {}});
+    resolver.setGroup(Name(name), config);
   }
   static Routing::Via via(const std::string& hop, const std::string& at = {}) {
     Routing::Via v;
@@ -283,7 +283,7 @@ TEST_F(Fixture, ARouteThatMovesToAGroupThatIsNotThereGoesOnUntilItComes) {
   EXPECT_EQ((Ways{{way("10.2.0.9", "Ethernet2"), 1}}), at("50.0.0.0/8").ways);
   EXPECT_TRUE(has("51.0.0.0/8"));
 
-  resolver.groupIs(Name("h"), nullptr);
+  resolver.removeGroup(Name("h"));
   EXPECT_FALSE(has("50.0.0.0/8")) << "its own group went";
   group("h", {"10.2.0.9"});
   EXPECT_TRUE(has("50.0.0.0/8"));
@@ -353,7 +353,7 @@ struct World {
     for (const Routing::Via& v : spec.list)
       if (v.intf.isEmpty()) hops.push_back(v.vni ? Hop{"default", v.vtepAddr} : Hop{vrf, v.hop});
     if (spec.kind == Spec::group && groups.count(spec.name))
-      for (const auto& [n, e] : groups.at(spec.name).entries)
+      for (const GroupConfig::Entry& e : groups.at(spec.name).entries)
         if (!e.destination.isNull()) hops.push_back({"default", e.destination});
     return hops;
   }
@@ -425,7 +425,7 @@ struct World {
     }
     if (spec.kind == Spec::group && groups.count(spec.name)) {
       const GroupConfig& g = groups.at(spec.name);
-      for (const auto& [number, entry] : g.entries)
+      for (const GroupConfig::Entry& entry : g.entries)
         for (auto [n, weight] : listOf(waysOf(Hop{"default", entry.destination}))) {
           if (g.type == GroupType::gre) {
             if (n.tunnel.type != Tunnel::Type::none) continue;
@@ -638,18 +638,19 @@ class History {
     const std::string name = groupName();
     if (below(3) == 0) {
       world.groups.erase(name);
-      return resolver_.groupIs(Name(name), nullptr);
+      return resolver_.removeGroup(Name(name));
     }
     GroupConfig config;
     config.type = below(2) ? GroupType::ip : GroupType::gre;
     config.ttl = 64;
-    for (uint32_t n = below(3) + 1; n > 0; --n) {
-      auto& entry = config.entries[static_cast<uint16_t>(below(5))];
+    for (uint32_t n = 0; n < below(3) + 1; ++n) {
+      GroupConfig::Entry& entry = config.entries.emplace_back();
+      entry.number = static_cast<uint16_t>(n);
       entry.destination = host();
       if (below(4) == 0) entry.mpls = {Mpls::Action::push, {Mpls::Label(200 + below(2))}};
     }
     world.groups[name] = config;
-    resolver_.groupIs(Name(name), &config);
+    resolver_.setGroup(Name(name), config);
   }
   void changeConnected() {
     const bool isOwn = below(4) == 0;

@@ -162,30 +162,28 @@ struct alignas(8) EntryStatus {
 
 namespace Tunnel {
 
-struct CounterEntry {
-  uint64_t group = 0;
-  uint64_t index = 0;  // of the entry in the group
-  static constexpr auto members() {
-    return described(member("group", &CounterEntry::group), member("index", &CounterEntry::index));
-  }
-  bool operator==(const CounterEntry&) const = default;
-};
-
 // Which counter counts an entry of a nexthop group: its key in the tables of that feature and
 // slice.
-struct alignas(8) NexthopCounterKeyInfo {
-  static constexpr const char* kTypeName = "Tunnel::NexthopCounterKeyInfo";
-  static constexpr uint32_t kMaxRows = 1u << 20;
-  CounterEntry key;
+struct alignas(8) CounterKey {
+  uint64_t entry = 0;  // its number in the group
   uint32_t feature = 0;
   uint32_t slice = 0;
   uint64_t counter = 0;
   static constexpr auto members() {
-    return described(member("entry", &NexthopCounterKeyInfo::key),
-                     member("feature", &NexthopCounterKeyInfo::feature),
-                     member("slice", &NexthopCounterKeyInfo::slice),
-                     member("counter", &NexthopCounterKeyInfo::counter));
+    return described(member("entry", &CounterKey::entry), member("feature", &CounterKey::feature),
+                     member("slice", &CounterKey::slice), member("counter", &CounterKey::counter));
   }
+};
+
+// The counters of a group's entries, by their numbers.
+struct alignas(8) NexthopCounterKeyInfo {
+  static constexpr const char* kTypeName = "Tunnel::NexthopCounterKeyInfo";
+  static constexpr uint32_t kMaxRows = 256u << 10;
+  using Element = CounterKey;
+  static constexpr const char* kListName = "counterKey";
+  static constexpr uint64_t kMaxListBytes = uint64_t{1} << 30;
+  uint64_t key = 0;  // the group's number
+  static constexpr auto members() { return described(member("id", &NexthopCounterKeyInfo::key)); }
 };
 
 }  // namespace Tunnel

@@ -68,13 +68,18 @@ void GroupTables::show(const Group& group) {
     if (std::binary_search(shown.entries.begin(), shown.entries.end(), entry)) continue;
     const uint64_t key = counterKey(group.id, entry);
     counters_.write({key, 0, 0});
-    keys_.write({{group.id, entry}, kFeature, kSlice, key});
   }
   for (const uint16_t entry : shown.entries) {
     if (std::binary_search(now.begin(), now.end(), entry)) continue;
-    keys_.remove({group.id, entry});
     counters_.remove(counterKey(group.id, entry));
     snapshots_.remove(counterKey(group.id, entry));
+  }
+  if (shown.entries != now) {
+    std::vector<platform::Tunnel::CounterKey> keys;
+    keys.reserve(now.size());
+    for (const uint16_t entry : now)
+      keys.push_back({entry, kFeature, kSlice, counterKey(group.id, entry)});
+    keys_.write({group.id}, keys);
   }
   shown.entries = now;
 
@@ -82,6 +87,7 @@ void GroupTables::show(const Group& group) {
   row.key = group.id;
   row.name = FixedText<256>(group.name.view());
   std::vector<Fib::Via> vias;
+  vias.reserve(group.members.size());
   for (const GroupMember& member : group.members)
     vias.push_back(viaOf(*member.nextHop, member.weight));
   groups_.write(row, vias);
@@ -91,8 +97,8 @@ void GroupTables::hide(GroupId id) {
   const auto at = shown_.find(id);
   if (at == shown_.end()) return;
   groups_.remove(id);
+  keys_.remove(id);
   for (const uint16_t entry : at->second.entries) {
-    keys_.remove({id, entry});
     counters_.remove(counterKey(id, entry));
     snapshots_.remove(counterKey(id, entry));
   }

@@ -3,7 +3,8 @@
 // done. Under the activity lock.
 //
 //   routing/nexthopgroup/entrystatus          by the group's number: its name and vias
-//   tunnel/nexthop/counterkeyinfo             by group and entry: feature, slice, key of a counter
+//   tunnel/nexthop/counterkeyinfo             by that number: feature, slice and key of the counter
+//                                             of each entry
 //   flexCounter/counterTable/FEATURE/SLICE    by that key: what was counted
 //   flexCounter/snapshotCounterTable/...      by that key: what was counted when it was last
 //   cleared

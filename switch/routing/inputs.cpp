@@ -20,10 +20,18 @@ GroupConfig configOf(const NexthopGroupConfigEntry& group) {
   config.hasGreKey = group.greKeyType();
   config.source = group.sourceIp();
   config.sourceIntf = group.intfId();
-  for (const auto& [index, destination] : group.destinationIp())
-    config.entries[index].destination = destination;
-  for (const auto& [index, action] : group.mplsLabelStack()) config.entries[index].mpls = action;
+  config.entries.reserve(group.destinationIp().size());
+  for (const auto& [number, destination] : group.destinationIp())
+    if (!destination.isNull()) config.entries.push_back({number, destination, {}});
+  const auto& stacks = group.mplsLabelStack();
+  if (!stacks.empty())
+    for (GroupConfig::Entry& entry : config.entries)
+      if (const auto at = stacks.find(entry.number); at != stacks.end()) entry.mpls = at->second;
   return config;
+}
+
+const Name& agentOf(const Entity& entity) {
+  return *static_cast<const Name*>(entity.parent()->keyData());
 }
 
 }  // namespace
@@ -97,19 +105,19 @@ void Inputs::onVrfLabel(Mpls::VrfLabel& label, Change change) {
 }
 
 void Inputs::onGroup(NexthopGroupConfigEntry& group, Change change) {
-  const Name& name = group.key();
-  auto& agents = groups_[std::string(name.view())];
-  const std::string agent(inputOf(group).agent.view());
-  if (change != Change::deleted)
-    agents[agent] = Ref<Entity>(&group);
-  else if (const auto at = agents.find(agent); at != agents.end() && at->second.get() == &group)
-    agents.erase(at);
-  if (!agents.empty()) {
-    const GroupConfig config = configOf(*agents.begin()->second->as<NexthopGroupConfigEntry>());
-    return resolver_.groupIs(name, &config);
+  const Name name = group.key();
+  auto& there = groups_[name];
+  const auto at = std::find(there.begin(), there.end(), Ref<Group>(&group));
+  if (change == Change::deleted && at != there.end()) there.erase(at);
+  if (change != Change::deleted && at == there.end()) there.emplace_back(&group);
+  if (there.empty()) {
+    groups_.erase(name);
+    return resolver_.removeGroup(name);
   }
-  groups_.erase(std::string(name.view()));
-  resolver_.groupIs(name, nullptr);
+  const auto byAgent = [](const Ref<Group>& a, const Ref<Group>& b) {
+    return agentOf(*a) < agentOf(*b);
+  };
+  resolver_.setGroup(name, configOf(**std::min_element(there.begin(), there.end(), byAgent)));
 }
 
 void Inputs::onDir(Dir& dir, Change change) {

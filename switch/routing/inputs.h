@@ -8,8 +8,6 @@
 // Under the activity lock.
 #pragma once
 
-#include <map>
-#include <set>
 #include <string>
 #include <tuple>
 #include <unordered_map>
@@ -55,8 +53,12 @@ class Inputs final : private platform::JournalReactor {
     }
   };
   std::unordered_map<platform::IntfId, std::vector<Network>> networks_;  // as they were told
-  // The groups of each name, by agent.
-  std::map<std::string, std::map<std::string, platform::Ref<platform::Entity>>> groups_;
+  // The groups of each name, mostly one.
+  struct NameHash {
+    size_t operator()(const platform::Name& name) const { return name.hash(); }
+  };
+  using Group = platform::Routing::NexthopGroup::NexthopGroupConfigEntry;
+  std::unordered_map<platform::Name, std::vector<platform::Ref<Group>>, NameHash> groups_;
   // Whose the input is that routes stand in.
   struct Input {
     platform::Ref<platform::Entity> entity;

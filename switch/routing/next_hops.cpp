@@ -27,7 +27,7 @@ GroupMember NextHops::take(const NextHop& nextHop, uint32_t weight) {
     byId_[record.id] = &*at;
   }
   ++record.users;
-  return {record.id, &at->first, weight};
+  return {&at->first, record.id, weight};
 }
 
 void NextHops::release(const GroupMember& member, Programmer& programmer) {

@@ -5,6 +5,7 @@
 #include <array>
 #include <map>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/model/routing.h"
@@ -76,11 +77,12 @@ struct Fec : Source {
   std::vector<uint16_t> numbers;        // of its entries, one a member
   std::vector<Dependency> members;      // one a via
   std::vector<GroupMember> resolved;    // what packets are to do
-  std::vector<GroupMember> told;        // what the programmer was told
+  std::vector<GroupMember> told;        // what the programmer was told, when that is stale
   Candidate* candidates = nullptr;
   size_t entries = 0;      // that have chosen it, and that were programmed with it
   std::vector<Hop*> hops;  // that are resolved through it
-  bool isTold = false;
+  bool isTold = false;     // the programmer has it
+  bool isStale = false;    // as it was
   bool isRefused = false;
   bool vrfIsThere = false;
   bool isDirty = false, isToProgram = false, isToWithdraw = false;
@@ -167,7 +169,8 @@ struct Destinations {
   bool isThere = false;
   Ref<Entries> entries = make<Entries>();
   std::array<uint32_t, 129> lengths{};  // how many prefixes of each have routes
-  std::map<IpAddr, Hop> hops;
+  std::unordered_map<IpAddr, Hop> hops;
+  std::map<IpAddr, Hop*> hopsInOrder;
 
   RouteKey keyOf(const Entry& entry) const {
     if (af == Af::null) return {.isLabel = true, .label = entry.key().addr().v4()};

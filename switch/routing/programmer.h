@@ -53,8 +53,8 @@ using NextHopId = uint32_t;
 using GroupId = uint64_t;  // from 1
 
 struct GroupMember {
-  NextHopId id;
   const NextHop* nextHop;  // as long as it is programmed
+  NextHopId id;
   uint32_t weight;
 };
 

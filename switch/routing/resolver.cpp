@@ -40,7 +40,8 @@ class Resolver::Core final : private Task, private Timer, private Outcomes {
 
   void vrfIs(const Name& vrf, bool exists);
   void interfaceIs(IntfId intf, bool isUp);
-  void groupIs(const Name& name, const GroupConfig* config);
+  void setGroup(const Name& name, GroupConfig config);
+  void removeGroup(const Name& name);
   void setConnected(const Name& vrf, const IpPrefix& prefix, const Owner& owner);
   void setRoute(const Name& vrf, const Routing::Route& route, const Owner& owner);
   void removeRoute(const Name& vrf, const IpPrefix& prefix, uint32_t preference,
@@ -59,6 +60,7 @@ class Resolver::Core final : private Task, private Timer, private Outcomes {
 
   // Routes.
   Destinations& table(const Name& vrf, Af af);
+  Destinations& inDefaultVrf(Af af) { return table(defaultVrf_, af); }
   const Owner* keep(const Owner& owner);
   void release(const Owner* owner);
   void set(Destinations& table, const IpPrefix& prefix, uint32_t preference, const Owner& owner,
@@ -75,6 +77,7 @@ class Resolver::Core final : private Task, private Timer, private Outcomes {
   Fec& fec(const FecKey& key);
   void makeMembers(Fec& fec);
   void freeMembers(Fec& fec);
+  void groupIs(Fec& group, std::unique_ptr<GroupConfig> config);
   Port& port(IntfId intf);
   Hop& hop(Destinations& table, const IpAddr& addr);
   void use(Fec& fec, Source& source);
@@ -95,6 +98,7 @@ class Resolver::Core final : private Task, private Timer, private Outcomes {
   // Doing it.
   Entry* covering(const Destinations& table, const IpAddr& addr) const;
   void lookUp(Hop& hop);
+  static bool leadsOn(const Entry& entry);
   void forget(Hop& hop);
   void findLoops(std::vector<Hop*> from);
   void findLoops(Entry& entry, const Fec* more);
@@ -105,6 +109,7 @@ class Resolver::Core final : private Task, private Timer, private Outcomes {
   void chosenIs(Entry& entry, Fec* fec);
   bool goesOn(Entry& entry, const Candidate& candidate);
   void program(Fec& fec);
+  void forgetTold(Fec& fec);
   void program(Entry& entry);
   void toldIs(Entry& entry, Fec* fec);
   void withdraw(Fec& fec);
@@ -118,6 +123,7 @@ class Resolver::Core final : private Task, private Timer, private Outcomes {
   std::unordered_map<IntfId, Port> ports_;
   std::map<std::pair<Af, std::string>, std::unique_ptr<Destinations>> tables_;
   std::unique_ptr<Destinations> labels_;
+  const Name defaultVrf_{kDefaultVrf};
   Destinations* lastTable_ = nullptr;
   Slab candidates_;
 
@@ -191,12 +197,20 @@ void Resolver::Core::interfaceIs(IntfId intf, bool isUp) {
   if (!isUp && there.users.empty()) ports_.erase(intf);
 }
 
-void Resolver::Core::groupIs(const Name& name, const GroupConfig* config) {
-  Fec& group = fec({.kind = FecKey::Kind::group, .name = name});
+void Resolver::Core::setGroup(const Name& name, GroupConfig config) {
+  groupIs(fec({.kind = FecKey::Kind::group, .name = name}),
+          std::make_unique<GroupConfig>(std::move(config)));
+}
+
+void Resolver::Core::removeGroup(const Name& name) {
+  groupIs(fec({.kind = FecKey::Kind::group, .name = name}), nullptr);
+}
+
+void Resolver::Core::groupIs(Fec& group, std::unique_ptr<GroupConfig> config) {
   if (config && group.config && *group.config == *config) return;
   const bool isOther = !config == !!group.config;  // it came, or goes
   freeMembers(group);
-  group.config = config ? std::make_unique<GroupConfig>(*config) : nullptr;
+  group.config = std::move(config);
   makeMembers(group);
   for (Candidate* c = group.candidates; c; c = c->behind)
     if (c->entry->coversHops()) findLoops(*c->entry, &group);
@@ -366,9 +380,9 @@ void Resolver::Core::entryCame(Entry& entry) {
   const IpPrefix& prefix = entry.key();
   Destinations& table = *entry.table;
   ++table.lengths[prefix.length()];
-  for (auto at = table.hops.lower_bound(prefix.addr());
-       at != table.hops.end() && prefix.contains(at->first); ++at)
-    if (!at->second.by || at->second.by->key().length() < prefix.length()) mark(at->second);
+  for (auto at = table.hopsInOrder.lower_bound(prefix.addr());
+       at != table.hopsInOrder.end() && prefix.contains(at->first); ++at)
+    if (Hop& hop = *at->second; !hop.by || hop.by->key().length() < prefix.length()) mark(hop);
 }
 
 void Resolver::Core::entryWent(Entry& entry) {
@@ -394,12 +408,13 @@ Fec& Resolver::Core::fec(const FecKey& key) {
 
 void Resolver::Core::makeMembers(Fec& fec) {
   const FecKey& key = *fec.key;
-  const Name defaultVrf(kDefaultVrf);
+  fec.members.reserve(key.vias.size() + key.labelVias.size() +
+                      (fec.config ? fec.config->entries.size() : 0));
   for (const Routing::Via& via : key.vias) {
     if (!via.intf.isEmpty())
       use(fec, port(via.intf));
     else if (via.vni != 0)
-      use(fec, hop(table(defaultVrf, via.vtepAddr.af()), via.vtepAddr));
+      use(fec, hop(inDefaultVrf(via.vtepAddr.af()), via.vtepAddr));
     else
       use(fec, hop(*key.table, via.hop));
   }
@@ -409,14 +424,14 @@ void Resolver::Core::makeMembers(Fec& fec) {
     else if (!via.intf.isEmpty())
       use(fec, port(via.intf));
     else
-      use(fec, hop(table(defaultVrf, via.hop.af()), via.hop));
+      use(fec, hop(inDefaultVrf(via.hop.af()), via.hop));
   }
   fec.numbers.clear();
   if (!fec.config) return;
-  for (const auto& [number, entry] : fec.config->entries) {
-    if (entry.destination.isNull()) continue;
-    fec.numbers.push_back(number);
-    use(fec, hop(table(defaultVrf, entry.destination.af()), entry.destination));
+  fec.numbers.reserve(fec.config->entries.size());
+  for (const GroupConfig::Entry& entry : fec.config->entries) {
+    fec.numbers.push_back(entry.number);
+    use(fec, hop(inDefaultVrf(entry.destination.af()), entry.destination));
   }
 }
 
@@ -433,8 +448,12 @@ Port& Resolver::Core::port(IntfId intf) {
 
 Hop& Resolver::Core::hop(Destinations& table, const IpAddr& addr) {
   const auto [at, isNew] = table.hops.try_emplace(addr, table, addr);
-  if (isNew) mark(at->second);
-  return at->second;
+  Hop& there = at->second;
+  if (isNew) {
+    table.hopsInOrder.emplace(addr, &there);
+    mark(there);
+  }
+  return there;
 }
 
 void Resolver::Core::use(Fec& fec, Source& source) {
@@ -568,7 +587,8 @@ void Resolver::Core::lookUp(Hop& hop) {
   hop.isDirty = false;
   Entry* by = hop.users.empty() ? nullptr : covering(hop.table, hop.addr);
   if (by != hop.by) {
-    std::vector<Hop*> from = {&hop};
+    std::vector<Hop*> from;
+    if (by && leadsOn(*by)) from.push_back(&hop);
     if (const auto at = loops_.find(hop.loop); at != loops_.end()) from = at->second;
     if (hop.by) {
       auto& hops = *hop.by->hops;
@@ -581,7 +601,7 @@ void Resolver::Core::lookUp(Hop& hop) {
       hop.placeAtEntry = by->hops->size();
       by->hops->push_back(&hop);
     }
-    findLoops(std::move(from));
+    if (!from.empty()) findLoops(std::move(from));
   }
   Fec* through = by && hop.loop == 0 ? by->chosen : nullptr;
   if (through && through->kind() != GroupKind::forward) through = nullptr;
@@ -602,9 +622,23 @@ void Resolver::Core::lookUp(Hop& hop) {
   if (hop.users.empty() && !hop.isDirty) forget(hop);
 }
 
+// Whether there are next hops among the vias of its routes.
+bool Resolver::Core::leadsOn(const Entry& entry) {
+  const auto hasHops = [](const Fec& fec) {
+    return std::any_of(fec.members.begin(), fec.members.end(),
+                       [](const auto& m) { return m.source->kind == Source::Kind::hop; });
+  };
+  for (const Candidate* c = entry.candidates; c; c = c->next)
+    if (hasHops(*c->fec)) return true;
+  return entry.isWaiting() && hasHops(*entry.chosen);
+}
+
 void Resolver::Core::forget(Hop& hop) {
   loopIs(hop, 0);
-  hop.table.hops.erase(hop.addr);
+  Destinations& table = hop.table;
+  const IpAddr addr = hop.addr;
+  table.hopsInOrder.erase(addr);
+  table.hops.erase(addr);
 }
 
 void Resolver::Core::findLoops(std::vector<Hop*> from) {
@@ -661,16 +695,30 @@ void Resolver::Core::loopIs(Hop& hop, uint64_t loop) {
 void Resolver::Core::resolve(Fec& fec) {
   fec.isDirty = false;
   const bool was = fec.isUsable();
-  Ways ways;
-  for (size_t member = 0; member < fec.members.size(); ++member) ways.addVia(fec, member);
-  std::vector<GroupMember> resolved = ways.taken(nextHops_);
+  std::vector<GroupMember> resolved = waysOf(fec, nextHops_);
+  const auto byId = [](const GroupMember& a, const GroupMember& b) { return a.id < b.id; };
+  std::sort(resolved.begin(), resolved.end(), byId);
+  // The same way by several vias is one, with their weights.
+  size_t size = 0;
+  for (const GroupMember& way : resolved) {
+    if (size != 0 && resolved[size - 1].id == way.id) {
+      resolved[size - 1].weight += way.weight;
+      nextHops_.release(way, programmer_);
+    } else {
+      resolved[size++] = way;
+    }
+  }
+  resolved.resize(size);
   const auto same = [](const GroupMember& a, const GroupMember& b) {
     return a.id == b.id && a.weight == b.weight;
   };
   const bool changed =
       !std::equal(resolved.begin(), resolved.end(), fec.resolved.begin(), fec.resolved.end(), same);
   fec.resolved.swap(resolved);
-  for (const GroupMember& gone : resolved) nextHops_.release(gone, programmer_);
+  if (changed && fec.isTold && !std::exchange(fec.isStale, true))
+    fec.told = std::move(resolved);
+  else
+    for (const GroupMember& gone : resolved) nextHops_.release(gone, programmer_);
   if (changed) {
     for (Hop* hop : fec.hops) usersChanged(*hop);
     usersChanged(fec);
@@ -742,15 +790,17 @@ void Resolver::Core::chosenIs(Entry& entry, Fec* fec) {
 void Resolver::Core::program(Fec& fec) {
   fec.isToProgram = false;
   if (!fec.isUsable() || !fec.isWanted()) return;
-  for (const GroupMember& member : fec.resolved) {
-    nextHops_.program(member, programmer_);
-    nextHops_.keep(member);
-  }
+  for (const GroupMember& member : fec.resolved) nextHops_.program(member, programmer_);
   ++programmed_;
-  programmer_.setGroup({fec.id, fec.kind(), fec.key->name, fec.resolved, fec.numbers});
   fec.isTold = true;
-  const std::vector<GroupMember> before = std::exchange(fec.told, fec.resolved);
-  for (const GroupMember& gone : before) nextHops_.release(gone, programmer_);
+  programmer_.setGroup({fec.id, fec.kind(), fec.key->name, fec.resolved, fec.numbers});
+  forgetTold(fec);
+}
+
+// The programmer has what is resolved, or nothing.
+void Resolver::Core::forgetTold(Fec& fec) {
+  fec.isStale = false;
+  for (const GroupMember& gone : std::exchange(fec.told, {})) nextHops_.release(gone, programmer_);
 }
 
 // All is noted before the programmer is called: it may answer at once.
@@ -787,8 +837,7 @@ void Resolver::Core::withdraw(Fec& fec) {
     ++programmed_;
     programmer_.removeGroup(fec.id);
     fec.isTold = false;
-    for (const GroupMember& gone : std::exchange(fec.told, {}))
-      nextHops_.release(gone, programmer_);
+    forgetTold(fec);
   }
   if (fec.isReferred() || fec.isTold || fec.vrfIsThere) return;
   freeMembers(fec);
@@ -843,8 +892,11 @@ void Resolver::vrfIs(const Name& vrf, bool exists) {
 void Resolver::interfaceIs(IntfId intf, bool isUp) {
   core_->interfaceIs(intf, isUp);
 }
-void Resolver::groupIs(const Name& name, const GroupConfig* config) {
-  core_->groupIs(name, config);
+void Resolver::setGroup(const Name& name, GroupConfig config) {
+  core_->setGroup(name, std::move(config));
+}
+void Resolver::removeGroup(const Name& name) {
+  core_->removeGroup(name);
 }
 void Resolver::setConnected(const Name& vrf, const IpPrefix& prefix, const Owner& owner) {
   core_->setConnected(vrf, prefix, owner);

@@ -31,8 +31,8 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <memory>
+#include <vector>
 
 #include "platform/model/nexthop_group.h"
 #include "platform/model/routing.h"
@@ -52,6 +52,7 @@ struct Owner {
 // What a nexthop group is configured as.
 struct GroupConfig {
   struct Entry {
+    uint16_t number = 0;
     platform::IpAddr destination;
     platform::Routing::NexthopGroup::MplsAction mpls;
     bool operator==(const Entry&) const = default;
@@ -61,7 +62,7 @@ struct GroupConfig {
   bool hasGreKey = false;
   platform::IpAddr source;
   platform::IntfId sourceIntf;
-  std::map<uint16_t, Entry> entries;
+  std::vector<Entry> entries;  // those that have a destination, by their numbers
   bool operator==(const GroupConfig&) const = default;
 };
 
@@ -81,8 +82,8 @@ class Resolver final {
 
   void vrfIs(const platform::Name& vrf, bool exists);
   void interfaceIs(platform::IntfId intf, bool isUp);
-  // Null: it is not there.
-  void groupIs(const platform::Name& name, const GroupConfig* config);
+  void setGroup(const platform::Name& name, GroupConfig config);
+  void removeGroup(const platform::Name& name);
 
   // --- routes: at each destination one of an owner and preference (of a label: metric) ---
 

@@ -1,5 +1,7 @@
 #include "switch/routing/ways.h"
 
+#include <utility>
+
 namespace ryx::routing {
 
 using Mpls::Action;
@@ -58,37 +60,58 @@ bool apply(const Mpls::Via& via, NextHop& way) {
   return true;
 }
 
+// What the via does to that way, if it is one then.
+bool applyVia(const Fec& fec, size_t member, NextHop& way) {
+  switch (fec.key->kind) {
+    case FecKey::Kind::vias:
+      return apply(fec.key->vias.begin()[member], way);
+    case FecKey::Kind::labelVias:
+      return apply(fec.key->labelVias.begin()[member], way);
+    default:
+      return apply(*fec.config, fec.config->entries[member], way);
+  }
+}
+
+// Out of an interface, at which the via says who the neighbour is.
+NextHop at(const Port& port, const Fec& fec, size_t member) {
+  const bool isIp = fec.key->kind == FecKey::Kind::vias;
+  return {.hop = isIp ? fec.key->vias.begin()[member].hop : fec.key->labelVias.begin()[member].hop,
+          .intf = port.intf};
+}
+
 }  // namespace
 
-void Ways::addVia(const Fec& fec, size_t member) {
-  const Source& source = *fec.members[member].source;
-  const FecKey& key = *fec.key;
-  const auto addApplied = [&](NextHop way, uint32_t weight) {
-    bool isWay;
-    if (key.kind == FecKey::Kind::vias)
-      isWay = apply(key.vias.begin()[member], way);
-    else if (key.kind == FecKey::Kind::labelVias)
-      isWay = apply(key.labelVias.begin()[member], way);
-    else
-      isWay = apply(*fec.config, fec.config->entries.at(fec.numbers[member]), way);
-    if (isWay) add(std::move(way), weight);
+std::vector<GroupMember> waysOf(const Fec& fec, NextHops& nextHops) {
+  std::vector<GroupMember> ways;
+  ways.reserve(fec.members.size());
+  const auto add = [&](size_t member, NextHop way, uint32_t weight) {
+    if (applyVia(fec, member, way)) ways.push_back(nextHops.take(way, weight));
   };
-  if (source.kind == Source::Kind::port) {
-    if (!static_cast<const Port&>(source).isUp) return;
-    const bool isIp = key.kind == FecKey::Kind::vias;
-    const IntfId intf = isIp ? key.vias.begin()[member].intf : key.labelVias.begin()[member].intf;
-    const IpAddr hop = isIp ? key.vias.begin()[member].hop : key.labelVias.begin()[member].hop;
-    return addApplied({.hop = hop, .intf = intf}, 1);
+  for (size_t member = 0; member < fec.members.size(); ++member) {
+    const Source& source = *fec.members[member].source;
+    const Hop* hop = nullptr;
+    const Fec* through = nullptr;
+    switch (source.kind) {
+      case Source::Kind::port:
+        if (const auto& port = static_cast<const Port&>(source); port.isUp)
+          add(member, at(port, fec, member), 1);
+        continue;
+      case Source::Kind::hop:
+        hop = &static_cast<const Hop&>(source);
+        through = hop->through;
+        break;
+      case Source::Kind::group:
+        through = &static_cast<const Fec&>(source);
+        break;
+    }
+    if (!through) continue;
+    for (const GroupMember& way : through->resolved) {
+      NextHop next = *way.nextHop;
+      if (hop && next.hop.isNull()) next.hop = hop->addr;
+      add(member, std::move(next), way.weight);
+    }
   }
-  const bool isHop = source.kind == Source::Kind::hop;
-  const auto* hop = isHop ? &static_cast<const Hop&>(source) : nullptr;
-  const Fec* through = isHop ? hop->through : &static_cast<const Fec&>(source);
-  if (!through) return;
-  for (const GroupMember& way : through->resolved) {
-    NextHop next = *way.nextHop;
-    if (hop && next.hop.isNull()) next.hop = hop->addr;
-    addApplied(std::move(next), way.weight);
-  }
+  return ways;
 }
 
 }  // namespace ryx::routing

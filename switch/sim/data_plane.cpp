@@ -57,10 +57,10 @@ class DataPlane::Family {
  public:
   virtual ~Family() = default;
   virtual void offer() = 0;
-  virtual bool set(const IpPrefix& prefix, const RouteValue& value, const Group& group) = 0;
+  virtual bool set(const IpPrefix& prefix, const RouteValue& value) = 0;
   virtual void remove(const IpPrefix& prefix) = 0;
   // The FEC's vias are others, if it is used here.
-  virtual void changed(GroupId id, const Group& group) = 0;
+  virtual void changed(GroupId id) = 0;
   // A route uses it no more.
   virtual void leave(GroupId id) = 0;
 };
@@ -68,17 +68,20 @@ class DataPlane::Family {
 template <class RouteRow, class FecRow>
 class DataPlane::FamilyOf final : public Family {
  public:
-  FamilyOf(mirra::Exchange& tables, const std::string& version, const std::string& vrf)
-      : routes_(tables, "routing" + version + "/vrf/status/" + vrf, mirra::Mode::write),
-        fecs_(tables, "forwarding" + version + "/vrf/status/" + vrf, mirra::Mode::write) {}
+  FamilyOf(const DataPlane& plane, const std::string& version, const std::string& vrf)
+      : plane_(plane),
+        routes_(plane.tree_.tables(), "routing" + version + "/vrf/status/" + vrf,
+                mirra::Mode::write),
+        fecs_(plane.tree_.tables(), "forwarding" + version + "/vrf/status/" + vrf,
+              mirra::Mode::write) {}
 
   void offer() override {
     fecs_.offer();
     routes_.offer();
   }
   // The FEC first: who sees the route finds it.
-  bool set(const IpPrefix& prefix, const RouteValue& value, const Group& group) override {
-    if (users_[value.group]++ == 0) writeFec(value.group, group);
+  bool set(const IpPrefix& prefix, const RouteValue& value) override {
+    if (users_[value.group]++ == 0) writeFec(value.group);
     RouteRow row;
     row.key = prefix;
     row.preference = static_cast<uint8_t>(value.preference);
@@ -89,8 +92,8 @@ class DataPlane::FamilyOf final : public Family {
     return false;
   }
   void remove(const IpPrefix& prefix) override { routes_.remove(prefix); }
-  void changed(GroupId id, const Group& group) override {
-    if (users_.count(id)) writeFec(id, group);
+  void changed(GroupId id) override {
+    if (users_.count(id)) writeFec(id);
   }
   void leave(GroupId id) override {
     const auto at = users_.find(id);
@@ -100,12 +103,13 @@ class DataPlane::FamilyOf final : public Family {
   }
 
  private:
-  void writeFec(GroupId id, const Group& group) {
+  void writeFec(GroupId id) {
     FecRow row;
     row.key = id;
-    fecs_.write(row, group.vias);
+    fecs_.write(row, plane_.viasOf(plane_.groups_.at(id)));
   }
 
+  const DataPlane& plane_;
   mirra::Table<RouteRow> routes_;
   mirra::Table<FecRow> fecs_;
   std::unordered_map<GroupId, size_t> users_;  // routes of each FEC
@@ -134,10 +138,9 @@ std::vector<routing::Capability> DataPlane::capabilities() const {
 void DataPlane::addVrf(const Name& vrf) {
   const std::string name(vrf.view());
   Vrf& made = vrfs_[vrf];
-  made.ip =
-      std::make_unique<FamilyOf<Fib::RouteStatus, Fib::ForwardingStatus>>(tree_.tables(), "", name);
-  made.ip6 = std::make_unique<FamilyOf<Fib::RouteStatus6, Fib::ForwardingStatus6>>(tree_.tables(),
-                                                                                   "6", name);
+  made.ip = std::make_unique<FamilyOf<Fib::RouteStatus, Fib::ForwardingStatus>>(*this, "", name);
+  made.ip6 =
+      std::make_unique<FamilyOf<Fib::RouteStatus6, Fib::ForwardingStatus6>>(*this, "6", name);
 }
 
 void DataPlane::removeVrf(const Name& vrf) {
@@ -177,26 +180,47 @@ DataPlane::Family& DataPlane::family(const RouteKey& key) {
   return key.prefix.af() == Af::ipv4 ? *vrf.ip : *vrf.ip6;
 }
 
+void DataPlane::addNextHop(routing::NextHopId id, const routing::NextHop& nextHop) {
+  if (nextHops_.size() <= id) nextHops_.resize(id + 1);
+  nextHops_[id] = nextHop;
+}
+
+void DataPlane::removeNextHop(routing::NextHopId id) {
+  nextHops_[id] = {};
+}
+
+std::vector<Fib::Via> DataPlane::viasOf(const Group& group) const {
+  std::vector<Fib::Via> vias;
+  vias.reserve(group.ways.size());
+  for (const Group::Way& way : group.ways)
+    vias.push_back(routing::viaOf(nextHops_[way.nextHop], way.weight));
+  Fib::Via nowhere;
+  if (group.kind == GroupKind::drop && parse("Null0", &nowhere.intf)) vias.push_back(nowhere);
+  return vias;
+}
+
+SmallSet<Mpls::Hardware::L2Via> DataPlane::labelViasOf(const Group& group) const {
+  SmallSet<Mpls::Hardware::L2Via> vias;
+  for (const Group::Way& way : group.ways) {
+    const routing::NextHop& next = nextHops_[way.nextHop];
+    vias.insert({next.hop, next.intf, next.action,
+                 next.labels.empty() ? Mpls::kNoLabel : next.labels.back()});
+  }
+  return vias;
+}
+
 void DataPlane::setGroup(const routing::Group& told) {
   Group& group = groups_[told.id];
   group.kind = told.kind;
-  group.vias.clear();
-  group.labelVias = {};
-  for (const routing::GroupMember& member : told.members) {
-    const routing::NextHop& next = *member.nextHop;
-    group.vias.push_back(routing::viaOf(next, member.weight));
-    group.labelVias.insert({next.hop, next.intf, next.action,
-                            next.labels.empty() ? Mpls::kNoLabel : next.labels.back()});
-  }
-  if (told.kind == GroupKind::drop) {
-    Fib::Via nowhere;
-    if (parse("Null0", &nowhere.intf)) group.vias.push_back(nowhere);
-  }
+  group.ways.clear();
+  group.ways.reserve(told.members.size());
+  for (const routing::GroupMember& member : told.members)
+    group.ways.push_back({member.id, member.weight});
   for (auto& [name, vrf] : vrfs_) {
-    vrf.ip->changed(told.id, group);
-    vrf.ip6->changed(told.id, group);
+    vrf.ip->changed(told.id);
+    vrf.ip6->changed(told.id);
   }
-  if (group.labels != 0) mpls_.l2Adjacency.create(told.id)->via.set(group.labelVias);
+  if (group.labels != 0) mpls_.l2Adjacency.create(told.id)->via.set(labelViasOf(group));
   if (told.kind == GroupKind::forward && !told.name.empty()) groupTables_.show(told);
 }
 
@@ -212,7 +236,7 @@ void DataPlane::setRoute(const RouteKey& key, const RouteValue& value, const Rou
     return;
   }
   Family& there = family(key);
-  if (!there.set(key.prefix, value, groups_.at(value.group)))
+  if (!there.set(key.prefix, value))
     outcomes_->routeOutcome(key, "the table is full");
   else if (before)
     there.leave(before->group);
@@ -231,7 +255,7 @@ void DataPlane::setLabel(uint32_t label, const RouteValue& value) {
   Group& group = groups_.at(value.group);
   const bool isForwarded = group.kind == GroupKind::forward;
   if (group.labels++ == 0 && isForwarded) {
-    mpls_.l2Adjacency.create(value.group)->via.set(group.labelVias);
+    mpls_.l2Adjacency.create(value.group)->via.set(labelViasOf(group));
     mpls_.adjacency.create(value.group)->l2Adjacency.set(value.group);
   }
   auto* route = mpls_.route.create(Mpls::Label(label));

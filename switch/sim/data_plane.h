@@ -45,8 +45,8 @@ class DataPlane final : public routing::Programmer {
   std::vector<routing::Capability> capabilities() const override;
   void addVrf(const platform::Name& vrf) override;
   void removeVrf(const platform::Name& vrf) override;
-  void addNextHop(routing::NextHopId, const routing::NextHop&) override {}
-  void removeNextHop(routing::NextHopId) override {}
+  void addNextHop(routing::NextHopId id, const routing::NextHop& nextHop) override;
+  void removeNextHop(routing::NextHopId id) override;
   void setGroup(const routing::Group& group) override;
   void removeGroup(routing::GroupId id) override;
   void setRoute(const routing::RouteKey& key, const routing::RouteValue& value,
@@ -57,8 +57,11 @@ class DataPlane final : public routing::Programmer {
  private:
   struct Group {
     routing::GroupKind kind = routing::GroupKind::forward;
-    std::vector<platform::Fib::Via> vias;
-    platform::SmallSet<platform::Mpls::Hardware::L2Via> labelVias;
+    struct Way {
+      routing::NextHopId nextHop;
+      uint32_t weight;
+    };
+    std::vector<Way> ways;
     size_t labels = 0;  // that use it
   };
   class Family;
@@ -71,6 +74,8 @@ class DataPlane final : public routing::Programmer {
 
   void eraseStrangers();
   Family& family(const routing::RouteKey& key);
+  std::vector<platform::Fib::Via> viasOf(const Group& group) const;
+  platform::SmallSet<platform::Mpls::Hardware::L2Via> labelViasOf(const Group& group) const;
   void setLabel(uint32_t label, const routing::RouteValue& value);
   void leaveLabel(routing::GroupId group);
 
@@ -80,6 +85,7 @@ class DataPlane final : public routing::Programmer {
   std::map<platform::Routing::NexthopGroup::Type, routing::Capability> capabilities_;
   routing::GroupTables groupTables_;
   std::map<platform::Name, Vrf> vrfs_;
+  std::vector<routing::NextHop> nextHops_;  // by their numbers
   std::unordered_map<routing::GroupId, Group> groups_;
   bool hasSettled_ = false;
   std::function<void()> whenSettled_;

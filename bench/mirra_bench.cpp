@@ -26,7 +26,6 @@
 using namespace ryx::platform;
 using namespace ryx::bench;
 using Fib::RouteStatus;
-using FlexCounter::Counter;
 using mirra::Mode;
 
 namespace {
@@ -179,6 +178,16 @@ void attach(uint32_t count) {
       board->told - board->found, board->readerMiB, 48.0 * count / (1 << 20));
 }
 
+struct alignas(8) Counter {
+  static constexpr const char* kTypeName = "Bench::Counter";
+  static constexpr uint32_t kMaxRows = 16;
+  uint64_t key = 0;
+  uint64_t packets = 0;
+  static constexpr auto members() {
+    return described(member("key", &Counter::key), member("packets", &Counter::packets));
+  }
+};
+
 class Waiter final : public mirra::RowReactor<Counter> {
  public:
   Waiter(mirra::Table<Counter>& table, std::function<void(uint64_t)> told)
@@ -208,7 +217,7 @@ void latency(uint32_t rounds, bool oneCpu) {
     mirra::Table<Counter> back(em->tree().tables(), "back", Mode::write);
     back.offer();
     mirra::Table<Counter> there(em->tree().tables(), "there", Mode::notify);
-    const Waiter waiter(there, [&](uint64_t n) { back.write({1, n, 0}); });
+    const Waiter waiter(there, [&](uint64_t n) { back.write({1, n}); });
     until([] { return board->stop != 0; });
   });
   all.add([&] {
@@ -225,7 +234,7 @@ void latency(uint32_t rounds, bool oneCpu) {
     until([&] { return back.exists(); });
     for (uint32_t i = 0; i < rounds; ++i) {
       const double start = seconds();
-      there.write({1, i + 1, 0});
+      there.write({1, i + 1});
       while (heard != i + 1) {
         if (seconds() > start + 10) fail("a change was not seen");
         activity().run(0.01);

@@ -43,6 +43,7 @@ using platform::EntityOps;
 using platform::Name;
 using platform::Ref;
 using platform::Slice;
+using platform::FlexCounter::Count;
 using platform::FlexCounter::Counter;
 using platform::Mpls::Action;
 using platform::Mpls::Label;
@@ -50,6 +51,7 @@ using platform::NexthopGroup::EntryStatus;
 using platform::Routing::Hardware::NexthopGroupCapability;
 using platform::Routing::Hardware::NexthopGroupStatus;
 using platform::Routing::NexthopGroup::ConfigInput;
+using platform::Routing::NexthopGroup::Destination;
 using platform::Routing::NexthopGroup::MplsAction;
 using platform::Routing::NexthopGroup::NexthopGroupConfigEntry;
 using platform::Routing::NexthopGroup::Type;
@@ -125,9 +127,10 @@ Ref<NexthopGroupConfigEntry> convert(const nexthop_group_t& group) {
   entry->intfId.init(ryx::convert(group.source_intf()));
   entry->sourceIp.init(ryx::convert(group.source_ip()));
   entry->type.init(convert(group.type()));
-  std::map<uint16_t, platform::IpAddr> destinations;
+  std::vector<Destination> destinations;
+  destinations.reserve(group.destination_ips().size());
   for (const auto& [index, ip] : group.destination_ips())
-    destinations.emplace_hint(destinations.end(), index, ryx::convert(ip));
+    destinations.push_back({index, ryx::convert(ip)});
   std::map<uint16_t, MplsAction> stacks;
   for (const auto& [index, action] : group.mpls_actions())
     stacks.emplace_hint(stacks.end(), index, convert(action));
@@ -144,8 +147,8 @@ nexthop_group_t convert(const NexthopGroupConfigEntry& entry) {
   group.source_intf_is(ryx::convert(entry.intfId()));
   group.gre_key_type_is(entry.greKeyType() ? GRE_KEY_TYPE_HARDWARE : GRE_KEY_TYPE_NULL);
   group.size_is(entry.size());
-  for (const auto& [index, ip] : entry.destinationIp())
-    group.destination_ip_set(index, ryx::convert(ip));
+  for (const Destination& one : entry.destinationIp())
+    group.destination_ip_set(one.entry, ryx::convert(one.addr));
   for (const auto& [index, action] : entry.mplsLabelStack())
     group.mpls_action_set(index, convert(action));
   return group;
@@ -366,11 +369,11 @@ class NexthopGroupMgrImpl final : public nexthop_group_mgr, public mount_handler
                                   [entry](const CounterKey& k) { return k.entry == entry; });
     if (key == keys.end()) panic("Invalid entry (%u) in nexthop %s", entry, name.c_str());
     const CounterTables& slice = counterTables(*key);
-    Counter now, before;
-    if (!slice.counters.find(key->counter, &now))
+    Count now, before;
+    if (!find(slice.counters, *key, &now))
       panic("Counter for entry(%u) in nexthop group %s not found", entry, name.c_str());
     // Without a snapshot all that was counted counts, and so it does when the counter began anew.
-    slice.snapshots.find(key->counter, &before);
+    find(slice.snapshots, *key, &before);
     const auto since = [](uint64_t n, uint64_t then) { return n < then ? n : n - then; };
     return {since(now.packets, before.packets), since(now.octets, before.octets)};
   }
@@ -432,6 +435,14 @@ class NexthopGroupMgrImpl final : public nexthop_group_mgr, public mount_handler
                     platform::mirra::Mode::read) {}
   };
 
+  static bool find(const platform::mirra::Table<Counter>& table, const CounterKey& key,
+                   Count* count) {
+    Counter row;
+    std::vector<Count> block;
+    if (!table.find(key.block, &row, &block) || key.place >= block.size()) return false;
+    *count = block[key.place];
+    return true;
+  }
   std::string inputPath() const {
     return "routing/nexthopgroup/input/config/" + get_mount_point_name();
   }

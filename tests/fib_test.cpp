@@ -23,7 +23,7 @@ RYX_OVER_BOTH(FibTest);
 // What a handler is told, as lines; and what the table is by that alone.
 class Watch : public fib_handler {
  public:
-  explicit Watch(fib_mgr* mgr) : fib_handler(mgr), mgr_(mgr) {}
+  explicit Watch(fib_mgr* mgr) : fib_handler(mgr) {}
   std::string told() { return std::exchange(lines_, ""); }
   std::map<fib_route_key_t, fib_route_t> routes;
   std::map<fib_fec_key_t, fib_fec_t> fecs;
@@ -40,7 +40,6 @@ class Watch : public fib_handler {
   void on_fec_del(const fib_fec_key_t& key) override { EXPECT_EQ(1u, fecs.erase(key)); }
 
  private:
-  fib_mgr* mgr_;
   std::string lines_;
 };
 

@@ -31,6 +31,7 @@ using test::Program;
 const std::string kBinary = RYX_BINARY_DIR "/bin/";
 const std::string kAgent = RYX_BINARY_DIR "/examples/intf_watch";
 const std::string kArpWatch = RYX_BINARY_DIR "/examples/arp_watch";
+const std::string kInjector = RYX_BINARY_DIR "/examples/route_injector";
 
 class RyxTest : public testing::Test {
  protected:
@@ -192,6 +193,29 @@ TEST_F(RyxTest, ATableOutlivesItsService) {
   EXPECT_EQ("10.0.0.1 at Ethernet1 is gone", watch.next());
   ryx({"sim", "neighbor-learn", "10.0.0.2", "Ethernet1", "00:1c:73:00:00:02"});
   EXPECT_EQ("10.0.0.2 at Ethernet1 is 00:1c:73:00:00:02", watch.next());
+}
+
+// It fills its tables before it hands them over: nobody hears of routes that go and come.
+TEST_F(RyxTest, RoutesStayWhenTheirServiceDies) {
+  constexpr int kRoutes = 300;
+  {
+    std::ofstream table(directory_ / "table");
+    for (int n = 0; n < kRoutes; ++n)
+      table << "10." << n / 250 << "." << n % 250 << ".0/24 via 192.0.2.1 dev Ethernet1\n";
+  }
+  Program injector({kInjector, (directory_ / "table").string(), "--statehubsockname=" + socket_});
+  injector.line("seen in the FIB: 300 routes in ");
+  ::kill(jsonOf({"service", "--json"})[0]["pid"].get<pid_t>(), SIGKILL);
+  json service;
+  for (int i = 0; i < 300 && (service["restarts"] != 1 || service["serves"] != true); ++i)
+    service = jsonOf({"service", "--json"})[0];
+  EXPECT_EQ(1, service["restarts"]) << service;
+  ryx({"sim", "oper-status", "Ethernet1", "2"});
+  for (int n = 0; n < kRoutes; ++n) {
+    const std::string line = injector.next();
+    ASSERT_EQ(0u, line.find("not installed any more: 10.")) << line;
+  }
+  EXPECT_EQ(128 + SIGTERM, injector.kill(SIGTERM));
 }
 
 TEST_F(RyxTest, OutlivesItsServer) {

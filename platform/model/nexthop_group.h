@@ -31,6 +31,15 @@ struct MplsAction {
   bool operator==(const MplsAction&) const = default;
 };
 
+struct Destination {
+  uint16_t entry = 0;
+  IpAddr addr;
+  static constexpr auto members() {
+    return described(member("entry", &Destination::entry), member("addr", &Destination::addr));
+  }
+  bool operator==(const Destination&) const = default;
+};
+
 // Entries have numbers; a number may have a destination, labels, or both.
 struct NexthopGroupConfigEntry : EntityType<NexthopGroupConfigEntry> {
   static constexpr const char* kTypeName = "Routing::NexthopGroup::NexthopGroupConfigEntry";
@@ -42,7 +51,7 @@ struct NexthopGroupConfigEntry : EntityType<NexthopGroupConfigEntry> {
   Attr<"intfId", IntfId> intfId;  // whose address is the source
   Attr<"greKeyType", bool> greKeyType;
   Attr<"dynamic", bool> dynamic;
-  Attr<"destinationIp", std::map<uint16_t, IpAddr>> destinationIp;
+  Attr<"destinationIp", std::vector<Destination>> destinationIp;  // by their numbers
   Attr<"mplsLabelStack", std::map<uint16_t, MplsAction>> mplsLabelStack;
 };
 

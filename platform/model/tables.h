@@ -162,16 +162,18 @@ struct alignas(8) EntryStatus {
 
 namespace Tunnel {
 
-// Which counter counts an entry of a nexthop group: its key in the tables of that feature and
-// slice.
+// Which counter counts an entry of a nexthop group: the one at that place of a block of counters,
+// in the tables of that feature and slice.
 struct alignas(8) CounterKey {
-  uint64_t entry = 0;  // its number in the group
+  uint32_t entry = 0;  // its number in the group
   uint32_t feature = 0;
   uint32_t slice = 0;
-  uint64_t counter = 0;
+  uint32_t place = 0;
+  uint64_t block = 0;
   static constexpr auto members() {
     return described(member("entry", &CounterKey::entry), member("feature", &CounterKey::feature),
-                     member("slice", &CounterKey::slice), member("counter", &CounterKey::counter));
+                     member("slice", &CounterKey::slice), member("place", &CounterKey::place),
+                     member("block", &CounterKey::block));
   }
 };
 
@@ -190,16 +192,23 @@ struct alignas(8) NexthopCounterKeyInfo {
 
 namespace FlexCounter {
 
-struct alignas(8) Counter {
-  static constexpr const char* kTypeName = "FlexCounter::Counter";
-  static constexpr uint32_t kMaxRows = 1u << 20;
-  uint64_t key = 0;
+struct alignas(8) Count {
   uint64_t packets = 0;
   uint64_t octets = 0;
   static constexpr auto members() {
-    return described(member("key", &Counter::key), member("packets", &Counter::packets),
-                     member("octets", &Counter::octets));
+    return described(member("packets", &Count::packets), member("octets", &Count::octets));
   }
+};
+
+// A block of counters.
+struct alignas(8) Counter {
+  static constexpr const char* kTypeName = "FlexCounter::Counter";
+  static constexpr uint32_t kMaxRows = 1u << 20;
+  using Element = Count;
+  static constexpr const char* kListName = "count";
+  static constexpr uint64_t kMaxListBytes = uint64_t{1} << 30;
+  uint64_t key = 0;
+  static constexpr auto members() { return described(member("block", &Counter::key)); }
 };
 
 }  // namespace FlexCounter

@@ -16,15 +16,35 @@ T* resized(T* old, size_t n) {
   return static_cast<T*>(p);
 }
 
-// Slots are read at random: huge pages spare a million-entry table most of its TLB misses.
-uint64_t* zeroed(size_t n) {
-  constexpr size_t kHuge = size_t(2) << 20;
-  size_t bytes = n * sizeof(uint64_t);
-  void* p = bytes < kHuge ? std::malloc(bytes) : std::aligned_alloc(kHuge, bytes);
-  if (!p) throw std::bad_alloc();
-  if (bytes >= kHuge) madvise(p, bytes, MADV_HUGEPAGE);
-  std::memset(p, 0, bytes);
-  return static_cast<uint64_t*>(p);
+constexpr size_t kHuge = size_t(2) << 20;
+
+// Slots are read at random: huge pages spare a million-entry table most of its TLB misses. Zero
+// pages come from the system when they are touched, not all at once.
+uint64_t* newSlots(size_t n) {
+  const size_t bytes = n * sizeof(uint64_t);
+  if (bytes < kHuge) {
+    void* p = std::calloc(n, sizeof(uint64_t));
+    if (!p) throw std::bad_alloc();
+    return static_cast<uint64_t*>(p);
+  }
+  void* mapped =
+      mmap(nullptr, bytes + kHuge, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (mapped == MAP_FAILED) throw std::bad_alloc();
+  const auto start = reinterpret_cast<uintptr_t>(mapped);
+  const uintptr_t aligned = (start + kHuge - 1) & ~(kHuge - 1);
+  if (aligned != start) munmap(mapped, aligned - start);
+  void* slots = reinterpret_cast<void*>(aligned);
+  if (const size_t behind = start + kHuge - aligned; behind != 0)
+    munmap(static_cast<char*>(slots) + bytes, behind);
+  madvise(slots, bytes, MADV_HUGEPAGE);
+  return static_cast<uint64_t*>(slots);
+}
+
+void freeSlots(uint64_t* slots, size_t n) {
+  if (n * sizeof(uint64_t) < kHuge)
+    std::free(slots);
+  else
+    munmap(slots, n * sizeof(uint64_t));
 }
 
 }  // namespace
@@ -47,23 +67,46 @@ CollectionBase::~CollectionBase() {
     }
   std::free(table_->entries);
   std::free(table_->hashes);
-  std::free(table_->slots);
+  dropOldSlots();
+  freeSlots(table_->slots, size_t{table_->slotMask} + 1);
   delete table_;
 }
 
-Entity* CollectionBase::findHashed(uint64_t hash, const void* key) const {
-  if (!table_ || table_->live == 0) return nullptr;
-  const Table& t = *table_;
-  auto hash32 = static_cast<uint32_t>(hash >> 32);
-  uint64_t tag = slotFor(hash32, nullptr) >> 48;
-  for (uint32_t at = hash32 & t.slotMask;; at = (at + 1) & t.slotMask) {
-    uint64_t slot = t.slots[at];
+namespace {
+
+struct Slots {
+  const uint64_t* slots;
+  uint32_t mask;
+  uint64_t gone;
+};
+
+Entity* findIn(const Slots& t, uint32_t hash, uint64_t tag, const void* key) {
+  for (uint32_t at = hash & t.mask;; at = (at + 1) & t.mask) {
+    const uint64_t slot = t.slots[at];
     if (slot == 0) return nullptr;
-    if (slot >> 48 != tag || slot == kGone) continue;
+    if (slot >> 48 != tag || slot == t.gone) continue;
     auto* e = reinterpret_cast<Entity*>(slot & 0xffffffffffffu);
     const TypeInfo& type = e->type();
     if (type.keyKind->equal(e->at(type.keyOffset), key)) return e;
   }
+}
+
+// A gone mark is needed only where a search may have to go on.
+void takeSlot(uint64_t* slots, uint32_t mask, uint32_t hash, uint64_t slot, uint64_t gone) {
+  uint32_t at = hash & mask;
+  while (slots[at] != slot) at = (at + 1) & mask;
+  slots[at] = slots[(at + 1) & mask] == 0 ? 0 : gone;
+}
+
+}  // namespace
+
+Entity* CollectionBase::findHashed(uint64_t hash, const void* key) const {
+  if (!table_ || table_->live == 0) return nullptr;
+  const Table& t = *table_;
+  const auto hash32 = static_cast<uint32_t>(hash >> 32);
+  const uint64_t tag = slotFor(hash32, nullptr) >> 48;
+  Entity* e = findIn({t.slots, t.slotMask, kGone}, hash32, tag, key);
+  return e || !t.oldSlots ? e : findIn({t.oldSlots, t.oldMask, kGone}, hash32, tag, key);
 }
 
 void CollectionBase::insertSlot(uint32_t hash, const Entity* e) {
@@ -92,13 +135,14 @@ void CollectionBase::rebuild(uint32_t capacity) {
     t.used = to;
   }
   t.first = 0;
+  dropOldSlots();
   if (capacity != t.capacity) {
     t.entries = resized(t.entries, capacity);
     t.hashes = resized(t.hashes, capacity);
     t.capacity = capacity;
+    if (t.slots) freeSlots(t.slots, size_t{t.slotMask} + 1);
     t.slotMask = capacity * 2 - 1;
-    std::free(t.slots);
-    t.slots = zeroed(size_t{capacity} * 2);
+    t.slots = newSlots(size_t{capacity} * 2);
   } else {
     std::memset(t.slots, 0, (size_t(t.slotMask) + 1) * sizeof(uint64_t));
   }
@@ -108,9 +152,41 @@ void CollectionBase::rebuild(uint32_t capacity) {
 void CollectionBase::grow() {
   if (!table_) table_ = new Table;
   Table& t = *table_;
+  if (t.oldSlots) moveSome();
   if (t.used < t.capacity) return;
   bool holes = t.live < t.used - t.used / 4;
+  if (!holes && t.capacity >= kGrowsInParts) return widen();
   rebuild(t.capacity == 0 ? 4 : holes ? t.capacity : t.capacity * 2);
+}
+
+// Twice as large, where to do it at once would hold the loop for long.
+void CollectionBase::widen() {
+  Table& t = *table_;
+  while (t.oldSlots) moveSome();
+  t.entries = resized(t.entries, size_t{t.capacity} * 2);
+  t.hashes = resized(t.hashes, size_t{t.capacity} * 2);
+  t.capacity *= 2;
+  t.oldSlots = t.slots;
+  t.oldMask = t.slotMask;
+  t.toMove = t.used;
+  t.moved = 0;
+  t.slotMask = t.capacity * 2 - 1;
+  t.slots = newSlots(size_t{t.capacity} * 2);
+}
+
+void CollectionBase::moveSome() {
+  Table& t = *table_;
+  const uint32_t end = std::min(t.toMove, t.moved + kMovedAtOnce);
+  for (; t.moved < end; ++t.moved)
+    if (const Entity* e = t.entries[t.moved]) insertSlot(t.hashes[t.moved], e);
+  if (t.moved == t.toMove) dropOldSlots();
+}
+
+void CollectionBase::dropOldSlots() {
+  Table& t = *table_;
+  if (!t.oldSlots) return;
+  freeSlots(t.oldSlots, size_t{t.oldMask} + 1);
+  t.oldSlots = nullptr;
 }
 
 Entity* CollectionBase::add(const Ref<Entity>& child) {
@@ -172,11 +248,11 @@ void CollectionBase::leave(Entity& e) {
 void CollectionBase::takeOut(Entity& child) {
   Table& t = *table_;
   uint32_t place = child.slot_;
-  uint64_t slot = slotFor(t.hashes[place], &child);
-  uint32_t at = t.hashes[place] & t.slotMask;
-  while (t.slots[at] != slot) at = (at + 1) & t.slotMask;
-  // A gone mark is needed only where a search may have to go on.
-  t.slots[at] = t.slots[(at + 1) & t.slotMask] == 0 ? 0 : kGone;
+  const uint32_t hash = t.hashes[place];
+  const uint64_t slot = slotFor(hash, &child);
+  const bool isOld = t.oldSlots && place < t.toMove;
+  if (isOld) takeSlot(t.oldSlots, t.oldMask, hash, slot, kGone);
+  if (!isOld || place < t.moved) takeSlot(t.slots, t.slotMask, hash, slot, kGone);
   t.entries[place] = nullptr;
   --t.live;
   if (t.live == 0) return clear();

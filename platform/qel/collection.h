@@ -72,9 +72,18 @@ class RYX_PRIVATE CollectionBase {
     uint32_t used = 0;          // entries appended, holes included
     uint32_t live = 0;
     uint32_t slotMask = 0;
+    // A large table that has grown moves its slots a few at a time: those of the first `moved` of
+    // the `toMove` entries that it had are in `slots`, and all of them still in `oldSlots`.
+    uint64_t* oldSlots = nullptr;
+    uint32_t oldMask = 0;
+    uint32_t toMove = 0;
+    uint32_t moved = 0;
     CollectionIterator* iterators = nullptr;
   };
   static constexpr uint64_t kGone = 1;
+  // From so many entries on a table grows in parts, so many entries with each that is added.
+  static constexpr uint32_t kGrowsInParts = 16384;
+  static constexpr uint32_t kMovedAtOnce = 16;
   // User addresses have 47 bits; the hash's upper bits, which do not choose the slot, fill the
   // rest.
   static uint64_t slotFor(uint32_t hash, const Entity* e) {
@@ -85,6 +94,9 @@ class RYX_PRIVATE CollectionBase {
   static void leave(Entity& e);
   void grow();
   void rebuild(uint32_t capacity);
+  void widen();
+  void moveSome();
+  void dropOldSlots();
   void clear();
   void insertSlot(uint32_t hash, const Entity* e);
   void takeOut(Entity& child);

@@ -16,10 +16,6 @@ constexpr uint32_t kSlice = 1;    // the machine is one
 constexpr const char* kCounters = "flexCounter/counterTable/1/1";
 constexpr const char* kSnapshots = "flexCounter/snapshotCounterTable/1/1";
 
-uint64_t counterKey(GroupId group, uint16_t entry) {
-  return group << 16 | entry;
-}
-
 }  // namespace
 
 Fib::Via viaOf(const NextHop& nextHop, uint32_t weight) {
@@ -61,28 +57,7 @@ GroupTables::GroupTables(Tree& tree)
 }
 
 void GroupTables::show(const Group& group) {
-  Shown& shown = shown_[group.id];
-  shown.name = group.name;
-  const std::vector<uint16_t> now(group.entries.begin(), group.entries.end());
-  for (const uint16_t entry : now) {
-    if (std::binary_search(shown.entries.begin(), shown.entries.end(), entry)) continue;
-    const uint64_t key = counterKey(group.id, entry);
-    counters_.write({key, 0, 0});
-  }
-  for (const uint16_t entry : shown.entries) {
-    if (std::binary_search(now.begin(), now.end(), entry)) continue;
-    counters_.remove(counterKey(group.id, entry));
-    snapshots_.remove(counterKey(group.id, entry));
-  }
-  if (shown.entries != now) {
-    std::vector<platform::Tunnel::CounterKey> keys;
-    keys.reserve(now.size());
-    for (const uint16_t entry : now)
-      keys.push_back({entry, kFeature, kSlice, counterKey(group.id, entry)});
-    keys_.write({group.id}, keys);
-  }
-  shown.entries = now;
-
+  showCounters(group);
   NexthopGroup::EntryStatus row;
   row.key = group.id;
   row.name = FixedText<256>(group.name.view());
@@ -93,39 +68,90 @@ void GroupTables::show(const Group& group) {
   groups_.write(row, vias);
 }
 
-void GroupTables::hide(GroupId id) {
-  const auto at = shown_.find(id);
-  if (at == shown_.end()) return;
-  groups_.remove(id);
-  keys_.remove(id);
-  for (const uint16_t entry : at->second.entries) {
-    counters_.remove(counterKey(id, entry));
-    snapshots_.remove(counterKey(id, entry));
+// When the entries are others, they have another block, filled before it is pointed to: whoever
+// reads meanwhile finds what an entry has counted, or nothing.
+void GroupTables::showCounters(const Group& group) {
+  const Keys before = keysOf(group.id);
+  const auto isSame = [](const platform::Tunnel::CounterKey& key, uint16_t entry) {
+    return key.entry == entry;
+  };
+  if (std::equal(before.begin(), before.end(), group.entries.begin(), group.entries.end(), isSame))
+    return;
+  const Counts counted = countsOf(counters_, before), cleared = countsOf(snapshots_, before);
+  const uint64_t block = ++lastBlock_;
+  Keys keys;
+  Counts counts(group.entries.size()), snapshot(cleared.empty() ? 0 : group.entries.size());
+  keys.reserve(group.entries.size());
+  for (const uint16_t entry : group.entries) {
+    const auto place = static_cast<uint32_t>(keys.size());
+    keys.push_back({entry, kFeature, kSlice, place, block});
+    const platform::Tunnel::CounterKey* old = keyOf(before, entry);
+    if (!old) continue;
+    counts[place] = counted[old->place];
+    if (!cleared.empty()) snapshot[place] = cleared[old->place];
   }
-  shown_.erase(at);
+  if (!snapshot.empty()) snapshots_.write({block}, snapshot);
+  counters_.write({block}, counts);
+  keys_.write({group.id}, keys);
+  if (before.empty()) return;
+  counters_.remove(before.front().block);
+  snapshots_.remove(before.front().block);
+}
+
+void GroupTables::hide(GroupId id) {
+  groups_.remove(id);
+  const Keys keys = keysOf(id);
+  keys_.remove(id);
+  if (keys.empty()) return;
+  counters_.remove(keys.front().block);
+  snapshots_.remove(keys.front().block);
 }
 
 GroupId GroupTables::named(const Name& name) const {
-  for (const auto& [id, shown] : shown_)
-    if (shown.name == name) return id;
+  for (auto it = groups_.iterator(); it; it.next())
+    if (it.row().name.view() == name.view()) return it.key();
   return 0;
 }
 
-bool GroupTables::find(GroupId group, uint16_t entry, FlexCounter::Counter* counter) const {
-  return counters_.find(counterKey(group, entry), counter);
+GroupTables::Keys GroupTables::keysOf(GroupId group) const {
+  platform::Tunnel::NexthopCounterKeyInfo row;
+  Keys keys;
+  keys_.find(group, &row, &keys);
+  return keys;
+}
+
+GroupTables::Counts GroupTables::countsOf(const Counters& table, const Keys& keys) {
+  FlexCounter::Counter row;
+  Counts counts;
+  if (!keys.empty()) table.find(keys.front().block, &row, &counts);
+  return counts;
+}
+
+const platform::Tunnel::CounterKey* GroupTables::keyOf(const Keys& keys, uint16_t entry) {
+  const auto at = std::find_if(keys.begin(), keys.end(),
+                               [entry](const auto& key) { return key.entry == entry; });
+  return at == keys.end() ? nullptr : &*at;
 }
 
 bool GroupTables::count(GroupId group, uint16_t entry, uint64_t packets, uint64_t octets) {
-  FlexCounter::Counter counter;
-  if (!find(group, entry, &counter)) return false;
-  counter.packets += packets;
-  counter.octets += octets;
-  return counters_.write(counter);
+  const Keys keys = keysOf(group);
+  const platform::Tunnel::CounterKey* key = keyOf(keys, entry);
+  if (!key) return false;
+  Counts counts = countsOf(counters_, keys);
+  counts[key->place].packets += packets;
+  counts[key->place].octets += octets;
+  return counters_.write({key->block}, counts);
 }
 
 bool GroupTables::clear(GroupId group, uint16_t entry) {
-  FlexCounter::Counter counter;
-  return find(group, entry, &counter) && snapshots_.write(counter);
+  const Keys keys = keysOf(group);
+  const platform::Tunnel::CounterKey* key = keyOf(keys, entry);
+  if (!key) return false;
+  const Counts counts = countsOf(counters_, keys);
+  Counts snapshot = countsOf(snapshots_, keys);
+  snapshot.resize(counts.size());
+  snapshot[key->place] = counts[key->place];
+  return snapshots_.write({key->block}, snapshot);
 }
 
 }  // namespace ryx::routing

@@ -11,7 +11,6 @@
 #pragma once
 
 #include <cstdint>
-#include <unordered_map>
 #include <vector>
 
 #include "platform/mirra/table.h"
@@ -43,17 +42,21 @@ class GroupTables {
   bool clear(GroupId group, uint16_t entry);
 
  private:
-  bool find(GroupId group, uint16_t entry, platform::FlexCounter::Counter* counter) const;
+  using Keys = std::vector<platform::Tunnel::CounterKey>;
+  using Counts = std::vector<platform::FlexCounter::Count>;
+  using Counters = platform::mirra::Table<platform::FlexCounter::Counter>;
+
+  Keys keysOf(GroupId group) const;
+  static Counts countsOf(const Counters& table, const Keys& keys);
+  // The entry's place in its group's block; null: it is not shown.
+  static const platform::Tunnel::CounterKey* keyOf(const Keys& keys, uint16_t entry);
+  void showCounters(const Group& group);
 
   platform::mirra::Table<platform::NexthopGroup::EntryStatus> groups_;
   platform::mirra::Table<platform::Tunnel::NexthopCounterKeyInfo> keys_;
-  platform::mirra::Table<platform::FlexCounter::Counter> counters_;
-  platform::mirra::Table<platform::FlexCounter::Counter> snapshots_;
-  struct Shown {
-    platform::Name name;
-    std::vector<uint16_t> entries;
-  };
-  std::unordered_map<GroupId, Shown> shown_;
+  Counters counters_;
+  Counters snapshots_;
+  uint64_t lastBlock_ = 0;
 };
 
 }  // namespace ryx::routing

@@ -21,8 +21,15 @@ GroupConfig configOf(const NexthopGroupConfigEntry& group) {
   config.source = group.sourceIp();
   config.sourceIntf = group.intfId();
   config.entries.reserve(group.destinationIp().size());
-  for (const auto& [number, destination] : group.destinationIp())
-    if (!destination.isNull()) config.entries.push_back({number, destination, {}});
+  for (const auto& destination : group.destinationIp())
+    if (!destination.addr.isNull())
+      config.entries.push_back({destination.entry, destination.addr, {}});
+  // Whoever wrote it: each number once, ascending.
+  const auto isBefore = [](const auto& a, const auto& b) { return a.number < b.number; };
+  const auto isSame = [](const auto& a, const auto& b) { return a.number == b.number; };
+  std::stable_sort(config.entries.begin(), config.entries.end(), isBefore);
+  config.entries.erase(std::unique(config.entries.begin(), config.entries.end(), isSame),
+                       config.entries.end());
   const auto& stacks = group.mplsLabelStack();
   if (!stacks.empty())
     for (GroupConfig::Entry& entry : config.entries)

@@ -266,7 +266,7 @@ inline void fuzzClient(const uint8_t* data, size_t size) {
   group->add("interface/config/eth/lag", "Interface::EthLagIntfConfigDir", "w");
   group->add("daemon/agent/status", "Qel::Dir", "w");
   group->close([](MountStatus) {});
-  const mirra::Table<FlexCounter::Counter> counters(em->tree().tables(), "t", mirra::Mode::notify);
+  const mirra::Table<Macsec::CounterStatus> counters(em->tree().tables(), "t", mirra::Mode::notify);
   activity().run(0);
   Encoder hello;
   hello.u8(static_cast<uint8_t>(Op::hello));

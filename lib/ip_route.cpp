@@ -184,24 +184,6 @@ std::vector<ip_route_via_t> viasOf(const Route& route) {
   return vias;
 }
 
-// What is in the list, as it was.
-class ListSource final : public sub_iter_impl<ip_route_via_t> {
- public:
-  explicit ListSource(std::vector<ip_route_via_t> list) : list_(std::move(list)) {}
-  bool compute_next(bool first) override {
-    if (!first && at_ < list_.size()) ++at_;
-    return at_ < list_.size();
-  }
-  std::unique_ptr<sub_iter_impl> clone() const override {
-    return std::make_unique<ListSource>(*this);
-  }
-  ip_route_via_t convert_iter_to_val() const override { return list_[at_]; }
-
- private:
-  std::vector<ip_route_via_t> list_;
-  size_t at_ = 0;
-};
-
 // --- reactors -----------------------------------------------------------------------------------
 
 // The agent's inputs of one family, by VRF. A VRF that comes gets one.
@@ -335,7 +317,7 @@ class IpRouteMgrImpl final : public ip_route_mgr, public mount_handler {
     const Route* route = current(convert(key, vrf)).route;
     if (!route) panic("Cannot call ip_route_via_iter() for nonexistent route");
     auto iter = std::make_unique<ip_route_via_iter_impl>();
-    iter->add_iter(std::make_unique<ListSource>(viasOf(*route)));
+    iter->add_iter(listSource(viasOf(*route)));
     iter->initialize();
     return ip_route_via_iter_t(iter.release());
   }

@@ -207,6 +207,34 @@ std::unique_ptr<sub_iter_impl<T>> elementSource(PlatformIter iter, Convert conve
 
 // The members of the public iterators, for the explicit instantiation in a manager's source.
 
+namespace detail {
+
+template <typename T>
+class list_source final : public sub_iter_impl<T> {
+ public:
+  explicit list_source(std::vector<T> list) : list_(std::move(list)) {}
+  bool compute_next(bool first) override {
+    if (!first && at_ < list_.size()) ++at_;
+    return at_ < list_.size();
+  }
+  std::unique_ptr<sub_iter_impl<T>> clone() const override {
+    return std::make_unique<list_source>(*this);
+  }
+  T convert_iter_to_val() const override { return list_[at_]; }
+
+ private:
+  std::vector<T> list_;
+  size_t at_ = 0;
+};
+
+}  // namespace detail
+
+// What is in the list, as it was.
+template <typename T>
+std::unique_ptr<sub_iter_impl<T>> listSource(std::vector<T> list) {
+  return std::make_unique<detail::list_source<T>>(std::move(list));
+}
+
 template <typename T, typename Impl>
 iter_base<T, Impl>::iter_base() noexcept : impl_(nullptr) {}
 

@@ -126,27 +126,10 @@ void check(const mpls_route_via_t& via) {
     refuse("Label action must be POP or FORWARD when nextho group is set");
 }
 
-// What is in the list, as it was.
 template <class IterImpl>
-iter_base<mpls_route_via_t, IterImpl> listed(std::vector<mpls_route_via_t> list) {
-  class Source final : public sub_iter_impl<mpls_route_via_t> {
-   public:
-    explicit Source(std::vector<mpls_route_via_t> vias) : vias_(std::move(vias)) {}
-    bool compute_next(bool first) override {
-      if (!first && at_ < vias_.size()) ++at_;
-      return at_ < vias_.size();
-    }
-    std::unique_ptr<sub_iter_impl> clone() const override {
-      return std::make_unique<Source>(*this);
-    }
-    mpls_route_via_t convert_iter_to_val() const override { return vias_[at_]; }
-
-   private:
-    std::vector<mpls_route_via_t> vias_;
-    size_t at_ = 0;
-  };
+iter_base<mpls_route_via_t, IterImpl> listed(std::vector<mpls_route_via_t> vias) {
   auto iter = std::make_unique<IterImpl>();
-  iter->add_iter(std::make_unique<Source>(std::move(list)));
+  iter->add_iter(listSource(std::move(vias)));
   iter->initialize();
   return iter_base<mpls_route_via_t, IterImpl>(iter.release());
 }

@@ -3,12 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <optional>
 #include <set>
 #include <string>
 
 #include "platform/model/nexthop_group.h"
 #include "ryx/fib.h"
 #include "ryx/panic.h"
+#include "tests/support/random_runs.h"
 #include "tests/support/routes.h"
 
 namespace ryx::testing {
@@ -272,6 +275,73 @@ TEST_P(NexthopGroupTest, WhatWaitsKeepsItsOrder) {
   EXPECT_EQ("more old ", configured("a"));
   EXPECT_EQ(2, fib.set);
   EXPECT_EQ(0, fib.deleted);
+}
+
+// Sets, refusals, deletions, clogs and resyncs in any order, against a plain map.
+TEST_P(NexthopGroupTest, RandomOperationsAgainstAModel) {
+  test::randomRuns(10, [this](std::mt19937& random) {
+    TestSdk sdk(*this, "a");
+    nexthop_group_mgr* mgr = sdk.get_nexthop_group_mgr();
+    sdk.start();
+    std::map<std::string, nexthop_group_t> model;      // as the agent sees it
+    std::map<std::string, nexthop_group_t> committed;  // as the switch does
+    std::optional<std::set<std::string>> declared;
+    bool isClogged = false;
+    const auto resync = [&] {
+      if (!declared) return mgr->resync_init(), void(declared.emplace());
+      mgr->resync_complete();
+      std::erase_if(model, [&](const auto& entry) { return !declared->count(entry.first); });
+      declared.reset();
+    };
+    resync();
+    resync();  // what an earlier run left
+    for (int step = 0; step < 300; ++step) {
+      const std::string name(1, static_cast<char>('g' + random() % 5));
+      switch (random() % 8) {
+        case 0:
+          model.erase(name);
+          if (declared) declared->erase(name);
+          mgr->nexthop_group_del(name);
+          break;
+        case 1:
+          clogged(sdk, isClogged = !isClogged);
+          break;
+        case 2:
+          resync();
+          break;
+        case 3: {  // refused, by one check or another
+          nexthop_group_t bad = made(name, {"10.1.0.9"});
+          if (random() % 2) bad.destination_ip_set(1, addrOf("2001:db8::1"));
+          bad.mpls_action_set(0, {MPLS_ACTION_PUSH, {}});
+          EXPECT_THROW(mgr->nexthop_group_set(bad), invalid_argument_error);
+          break;
+        }
+        default: {
+          std::vector<std::string> hops;
+          for (uint32_t n = random() % 3; n > 0; --n) hops.push_back("10.1.0." + std::to_string(n));
+          const nexthop_group_t group = made(name, hops);
+          mgr->nexthop_group_set(group);
+          model[name] = group;
+          if (declared) declared->insert(name);
+        }
+      }
+      std::set<std::string> names, seen;
+      for (const auto& [one, group] : model) {
+        names.insert(one);
+        ASSERT_EQ(group, mgr->nexthop_group(one));
+      }
+      for (auto it = mgr->nexthop_group_iter(); it; ++it) EXPECT_TRUE(seen.insert(*it).second);
+      ASSERT_EQ(names, seen);
+      ASSERT_EQ(model.count(name) != 0, mgr->exists(name));
+      settle();
+      if (!isClogged) committed = model;
+      std::string text;
+      for (const auto& [one, group] : committed) text += one + " ";
+      ASSERT_EQ(text, configured("a"));
+    }
+    clogged(sdk, false);
+    if (declared) resync();
+  });
 }
 
 }  // namespace

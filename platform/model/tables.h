@@ -77,11 +77,11 @@ struct RouteStatus6 : RouteStatus {
 
 // Where packets of a class go; with vni set, through a VXLAN tunnel to vtepAddr (RFC 7348).
 struct alignas(8) Via {
-  IpAddr hop;
   IntfId intf;
   uint32_t mplsLabel = 0xffffffff;  // none
   uint32_t weight = 1;
   uint32_t vni = 0;
+  IpAddr hop;
   IpAddr vtepAddr;
   MacAddr routerMac;
   static constexpr auto members() {
@@ -91,6 +91,7 @@ struct alignas(8) Via {
                      member("routerMac", &Via::routerMac));
   }
 };
+static_assert(sizeof(Via) == 64, "eight of them fill a block of their lists");
 
 // A forwarding equivalence class, with its vias.
 struct alignas(8) ForwardingStatus {

@@ -25,6 +25,17 @@ IpPrefix ofLabel(uint32_t label) {
   return {IpAddr::v4(label), 32};
 }
 
+// There is one of every route.
+Slab& candidates() {
+  static Slab slab(sizeof(Candidate));
+  return slab;
+}
+
+void dropCandidates(Destinations& table) {
+  for (auto it = table.entries->entry.iterator(); it; it.next())
+    for (Candidate* c = it->candidates; c;) candidates().release(std::exchange(c, c->next));
+}
+
 // The order does not matter.
 template <class T>
 void swapOut(std::vector<T>& from, size_t place) {
@@ -37,6 +48,7 @@ void swapOut(std::vector<T>& from, size_t place) {
 class Resolver::Core final : private Task, private Timer, private Outcomes {
  public:
   Core(Programmer& programmer, std::function<bool()> isHearing);
+  ~Core() override;
 
   void vrfIs(const Name& vrf, bool exists);
   void interfaceIs(IntfId intf, bool isUp);
@@ -125,7 +137,6 @@ class Resolver::Core final : private Task, private Timer, private Outcomes {
   std::unique_ptr<Destinations> labels_;
   const Name defaultVrf_{kDefaultVrf};
   Destinations* lastTable_ = nullptr;
-  Slab candidates_;
 
   // In the order in which they are worked off.
   Worklist<Hop*> dirtyHops_;
@@ -156,10 +167,14 @@ Resolver::Core::Core(Programmer& programmer, std::function<bool()> isHearing)
       Timer("resolver"),
       programmer_(programmer),
       isHearing_(std::move(isHearing)),
-      labels_(std::make_unique<Destinations>()),
-      candidates_(sizeof(Candidate)) {
+      labels_(std::make_unique<Destinations>()) {
   labels_->isThere = true;
   programmer_.outcomesAre(*this);
+}
+
+Resolver::Core::~Core() {
+  for (auto& [name, table] : tables_) dropCandidates(*table);
+  dropCandidates(*labels_);
 }
 
 Destinations& Resolver::Core::table(const Name& vrf, Af af) {
@@ -296,7 +311,7 @@ void Resolver::Core::set(Destinations& table, const IpPrefix& prefix, uint32_t p
     there->hasWaited = false;
   } else {
     const bool isFirst = !entry.candidates;
-    there = new (candidates_.allocate()) Candidate{};
+    there = new (candidates().allocate()) Candidate{};
     there->entry = &entry;
     there->owner = keep(owner);
     there->preference = preference;
@@ -335,7 +350,7 @@ void Resolver::Core::takeOut(Entry& entry) {
     *at = gone->next;
     delist(*gone);
     release(gone->owner);
-    candidates_.release(gone);
+    candidates().release(gone);
     any = true;
   }
   if (!any) return;

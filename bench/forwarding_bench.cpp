@@ -187,8 +187,10 @@ void groups(uint32_t count) {
   until([&] { return bed.active->active == count; });
   std::printf("%u nexthop groups of 8 entries: called %.3f s, active %.3f s (target 1.5)\n", count,
               called, seconds() - start);
-  std::printf("  bytes an entry, with the state, the resolver, the tables and the agent: %.0f\n",
-              static_cast<double>(residentBytes() - empty) / count / 8);
+  std::printf(
+      "  resident bytes an entry (the tables twice, as writer and reader share the process): "
+      "%.0f\n",
+      static_cast<double>(residentBytes() - empty) / count / 8);
 }
 
 // --- through a hub ------------------------------------------------------------------------------

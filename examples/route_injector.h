@@ -22,6 +22,7 @@
 #include <ryx/sdk.h>
 #include <ryx/timer.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <istream>
@@ -29,6 +30,7 @@
 #include <sstream>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -36,6 +38,7 @@ struct table_line {
   ryx::ip_route_t route;
   ryx::ip_route_via_t via;
   ryx::ip_route_action_t action = ryx::IP_ROUTE_ACTION_FORWARD;
+  bool is_first = true;  // of its route
 };
 
 // Empty, or what is wrong with the line and what was expected. A line without a route is none.
@@ -128,8 +131,7 @@ class route_injector : public ryx::agent_handler,
     const size_t end = std::min(next_ + kPart, lines_.size());
     for (; next_ < end; ++next_) {
       const table_line& line = lines_[next_];
-      const bool is_first = next_ == 0 || lines_[next_ - 1].route.key() != line.route.key();
-      if (is_first) routes_->ip_route_set(line.route, line.action);
+      if (line.is_first) routes_->ip_route_set(line.route, line.action);
       routes_->ip_route_via_set(line.via);
     }
     if (!is_declared_ && next_ == lines_.size()) {
@@ -147,8 +149,9 @@ class route_injector : public ryx::agent_handler,
   }
 
   void on_route_set(const ryx::fib_route_t& route) override {
+    if (!is_ours(route)) return on_route_del(route.route_key());  // another's goes before it
     const auto at = wanted_.find(route.route_key().prefix());
-    if (at == wanted_.end() || !is_ours(route) || std::exchange(at->second, true)) return;
+    if (at == wanted_.end() || std::exchange(at->second, true)) return;
     ++installed_;
     last_ = ryx::now();
     if (is_done_) out_ << "installed: " << at->first << std::endl;
@@ -176,6 +179,7 @@ class route_injector : public ryx::agent_handler,
     const double began = ryx::now();
     std::string text;
     size_t number = 0, wrong = 0;
+    std::unordered_set<ryx::ip_route_key_t> routes;
     while (std::getline(file, text)) {
       ++number;
       table_line line;
@@ -186,6 +190,7 @@ class route_injector : public ryx::agent_handler,
         ++wrong;
       } else if (is_route) {
         wanted_.emplace(line.route.key().prefix(), false);
+        line.is_first = routes.insert(line.route.key()).second;
         lines_.push_back(line);
       }
     }

@@ -46,6 +46,7 @@ TEST(RouteInjector, ProgramsAFileAndTellsWhatIsWrongWithIt) {
                           "2001:db8::/32 dev Ethernet1\n"
                           "2001:db8::/32 via fe80::1 dev Ethernet1\n"
                           "11.0.0.0/8 drop preference 9\n"
+                          "10.0.0.0/24 via 192.0.2.2 dev Ethernet1 tag 7\n"
                           "12.0.0.1/8 drop\n"
                           "12.0.0.0/8 by 10.0.0.1\n"
                           "12.0.0.0/8 via 10.0.0.300\n"
@@ -57,19 +58,23 @@ TEST(RouteInjector, ProgramsAFileAndTellsWhatIsWrongWithIt) {
                           "12.0.0.0/8 group g dev Ethernet1\n");
   const std::string said = first.said();
   for (const char* line :
-       {"line 30005: '12.0.0.1/8' is no prefix; expected one without host bits, as 10.0.0.0/8",
-        "line 30006: 'by'; expected via, dev, group, drop, tag or preference",
-        "line 30007: '10.0.0.300' is no address; expected one as 192.0.2.1",
-        "line 30008: the next hop fe80::1 is of another family than 12.0.0.0/8",
-        "line 30009: 'Ether1' is no interface; expected a name as Ethernet1",
-        "line 30010: no way for 12.0.0.0/8; expected via, dev, group or drop",
-        "line 30011: nothing behind 'tag'; expected its value",
-        "line 30012: '256' is no preference; expected 0 to 255",
-        "line 30013: a group and another way; expected one of them",
-        "read 30003 lines with 30002 prefixes, 9 wrong ones", "committed: 30002 routes in ",
+       {"line 30006: '12.0.0.1/8' is no prefix; expected one without host bits, as 10.0.0.0/8",
+        "line 30007: 'by'; expected via, dev, group, drop, tag or preference",
+        "line 30008: '10.0.0.300' is no address; expected one as 192.0.2.1",
+        "line 30009: the next hop fe80::1 is of another family than 12.0.0.0/8",
+        "line 30010: 'Ether1' is no interface; expected a name as Ethernet1",
+        "line 30011: no way for 12.0.0.0/8; expected via, dev, group or drop",
+        "line 30012: nothing behind 'tag'; expected its value",
+        "line 30013: '256' is no preference; expected 0 to 255",
+        "line 30014: a group and another way; expected one of them",
+        "read 30004 lines with 30002 prefixes, 9 wrong ones", "committed: 30002 routes in ",
         "seen in the FIB: 30002 routes in "})
     EXPECT_TRUE(has(said, line)) << line << "\n" << said;
   EXPECT_EQ("30002", sw.agent_status("injector", "installed"));
+  // Lines of one prefix need not follow each other.
+  const std::string input = sw.show("/routing/vrf/input/default/RyxSdk-injector");
+  const std::string first_route = input.substr(input.find("10.0.0.0/24"), 1000);
+  EXPECT_TRUE(has(first_route, "192.0.2.1") && has(first_route, "192.0.2.2")) << first_route;
 }
 
 TEST(RouteInjector, AgainItDeletesWhatIsGoneFromTheFileAlone) {

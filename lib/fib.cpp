@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <ostream>
+#include <span>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -98,73 +99,66 @@ fib_fec_t convert(uint64_t fecId, const Vias& vias) {
 
 // --- reactors -----------------------------------------------------------------------------------
 
-// Tell of one family's tables in one VRF.
-template <class Row>
-class FibRouteSm final : public RowReactor<Row> {
+// Calls `set` with each row and `gone` with the key of each that is no more.
+template <class Row, class Set, class Gone>
+class Following final : public RowReactor<Row> {
  public:
-  FibRouteSm(FibMgrImpl& mgr, Table<Row>& table) : RowReactor<Row>("FibMgrSm", table), mgr_(mgr) {}
+  Following(Table<Row>& table, Set set, Gone gone)
+      : RowReactor<Row>("FibMgrSm", table), set_(std::move(set)), gone_(std::move(gone)) {}
 
  private:
-  void onRow(const Row& row, std::span<const typename RowReactor<Row>::Element>) override;
-  void onRowGone(const IpPrefix& key) override;
-  FibMgrImpl& mgr_;
+  using Element = typename RowReactor<Row>::Element;
+  void onRow(const Row& row, std::span<const Element> list) override { set_(row, list); }
+  void onRowGone(const typename RowReactor<Row>::Key& key) override { gone_(key); }
+  const Set set_;
+  const Gone gone_;
 };
 
-template <class Row>
-class FibFecSm final : public RowReactor<Row> {
- public:
-  FibFecSm(FibMgrImpl& mgr, Table<Row>& table) : RowReactor<Row>("FibMgrSm", table), mgr_(mgr) {}
+template <class Row, class Set, class Gone>
+std::unique_ptr<platform::Task> follow(Table<Row>& table, Set set, Gone gone) {
+  return std::make_unique<Following<Row, Set, Gone>>(table, std::move(set), std::move(gone));
+}
 
- private:
-  void onRow(const Row& row, std::span<const Via> vias) override;
-  void onRowGone(const uint64_t& fecId) override;
-  FibMgrImpl& mgr_;
-  std::unordered_set<uint64_t> told_;
-};
-
-// One family's tables in one VRF.
-template <class RouteRow, class FecRow>
-class FibTables {
- public:
-  FibTables(platform::mirra::Exchange& tables, const std::string& family, const std::string& vrf,
-            Mode mode)
-      : routes(tables, "routing" + family + "/vrf/status/" + vrf, mode),
-        fecs(tables, "forwarding" + family + "/vrf/status/" + vrf, mode) {}
-
-  void follow(FibMgrImpl& mgr) {
-    fecSm_ = std::make_unique<FibFecSm<FecRow>>(mgr, fecs);
-    routeSm_ = std::make_unique<FibRouteSm<RouteRow>>(mgr, routes);
-  }
-  void attachedIs(bool attached) {
-    fecs.attachedIs(attached);
-    routes.attachedIs(attached);
-  }
-
-  Table<RouteRow> routes;
-  Table<FecRow> fecs;
-
- private:
-  std::unique_ptr<FibFecSm<FecRow>> fecSm_;
-  std::unique_ptr<FibRouteSm<RouteRow>> routeSm_;
-};
-
+// The tables of a VRF.
 struct FibVrf {
   FibVrf(platform::mirra::Exchange& tables, const std::string& vrf, Mode mode)
-      : ip(tables, "", vrf, mode), ip6(tables, "6", vrf, mode) {}
+      : routes(tables, "routing/vrf/status/" + vrf, mode),
+        fecs(tables, "forwarding/vrf/status/" + vrf, mode),
+        routes6(tables, "routing6/vrf/status/" + vrf, mode),
+        fecs6(tables, "forwarding6/vrf/status/" + vrf, mode) {}
 
-  void follow(FibMgrImpl& mgr) {
-    ip.follow(mgr);
-    ip6.follow(mgr);
-  }
   void registeredIs(bool registers) {
     isRegistered = registers;
-    ip.attachedIs(registers);
-    ip6.attachedIs(registers);
+    routes.attachedIs(registers);
+    fecs.attachedIs(registers);
+    routes6.attachedIs(registers);
+    fecs6.attachedIs(registers);
   }
 
-  FibTables<RouteStatus, ForwardingStatus> ip;
-  FibTables<RouteStatus6, ForwardingStatus6> ip6;
+  Table<RouteStatus> routes;
+  Table<ForwardingStatus> fecs;
+  Table<RouteStatus6> routes6;
+  Table<ForwardingStatus6> fecs6;
   bool isRegistered = true;
+};
+
+// Tells of a VRF's tables. `row`, `vias`: null, it is gone.
+class FibMgrSm {
+ public:
+  FibMgrSm(FibMgrImpl& mgr, FibVrf& vrf);
+
+ private:
+  using Vias = std::span<const Via>;
+
+  void handleRoute(const IpPrefix& prefix, const RouteStatus* row);
+  void handleRoute6(const IpPrefix& prefix, const RouteStatus* row);
+  void handleFec(uint64_t fecId, const Vias* vias) { handleFec(fecId, vias, &fecs_); }
+  void handleFec6(uint64_t fecId, const Vias* vias) { handleFec(fecId, vias, &fecs6_); }
+  void handleFec(uint64_t fecId, const Vias* vias, std::unordered_set<uint64_t>* told);
+
+  FibMgrImpl& mgr_;
+  std::unordered_set<uint64_t> fecs_, fecs6_;  // that were told
+  std::unique_ptr<platform::Task> reactors_[4];
 };
 
 // By name, the default one first.
@@ -226,7 +220,7 @@ class FibMgrImpl final : public fib_mgr, public mount_handler {
       return true;
     }
     mount(vrf, &vrfs_[vrf]);
-    if (isFollowing_) vrfs_[vrf]->follow(*this);
+    if (isFollowing_) sms_.push_back(std::make_unique<FibMgrSm>(*this, *vrfs_[vrf]));
     return true;
   }
 
@@ -238,8 +232,8 @@ class FibMgrImpl final : public fib_mgr, public mount_handler {
     auto iter = std::make_unique<fib_route_iter_impl>();
     const auto route = [](const auto& it) { return convert(it.row()); };
     for (const auto& [name, vrf] : vrfs_) {
-      iter->add_iter(elementSource<fib_route_t>(vrf->ip.routes.iterator(), route));
-      iter->add_iter(elementSource<fib_route_t>(vrf->ip6.routes.iterator(), route));
+      iter->add_iter(elementSource<fib_route_t>(vrf->routes.iterator(), route));
+      iter->add_iter(elementSource<fib_route_t>(vrf->routes6.iterator(), route));
     }
     iter->initialize();
     return fib_route_iter_t(iter.release());
@@ -262,8 +256,8 @@ class FibMgrImpl final : public fib_mgr, public mount_handler {
     auto iter = std::make_unique<fib_fec_iter_impl>();
     const auto fec = [](const auto& it) { return convert(it.key(), it.list()); };
     for (const auto& [name, vrf] : vrfs_) {
-      iter->add_iter(elementSource<fib_fec_t>(vrf->ip.fecs.iterator(), fec));
-      iter->add_iter(elementSource<fib_fec_t>(vrf->ip6.fecs.iterator(), fec));
+      iter->add_iter(elementSource<fib_fec_t>(vrf->fecs.iterator(), fec));
+      iter->add_iter(elementSource<fib_fec_t>(vrf->fecs6.iterator(), fec));
     }
     iter->initialize();
     return fib_fec_iter_t(iter.release());
@@ -288,27 +282,29 @@ class FibMgrImpl final : public fib_mgr, public mount_handler {
   void fib_fec_set(const fib_fec_t&) override { refuseToWrite(); }
   void fib_fec_del(const fib_fec_key_t&) override { refuseToWrite(); }
 
-  // --- events, by copies: whoever is told may run the loop. `row`, `vias`: null, it is gone ---
+  // --- for the reactors ---
 
-  void handleRoute(const IpPrefix& prefix, const RouteStatus* row) {
-    platform::check(prefix.af() == Af::ipv4, "prefix.af() == AF_IPV4");
-    routeChanged(prefix, row);
-  }
-  void handleRoute6(const IpPrefix& prefix, const RouteStatus* row) {
-    platform::check(prefix.af() == Af::ipv6, "prefix.af() == AF_IPV6");
-    routeChanged(prefix, row);
-  }
-  void handleFec(uint64_t fecId, const std::vector<Via>* vias, bool isNew) {
+  void routeSet(const fib_route_t& route) {
     const CallbackGuard guard(*this);
-    if (vias) {
-      if (isNew) ++fecTables_[fecId];
-      const fib_fec_t fec = convert(fecId, *vias);
-      RYX_TRACE(trace(), 5, "set " << fec);
-      return dispatch(&fib_handler::on_fec_set, fec);
-    }
-    if (--fecTables_[fecId] != 0) return;  // another table has it
-    fecTables_.erase(fecId);
-    const fib_fec_key_t key(fecId);
+    RYX_TRACE(trace(), 5, "set " << route);
+    dispatch(&fib_handler::on_route_set, route);
+  }
+  void routeDel(const fib_route_key_t& key) {
+    const CallbackGuard guard(*this);
+    RYX_TRACE(trace(), 5, "del " << key);
+    dispatch(&fib_handler::on_route_del, key);
+  }
+  // `isNew`: to one more table.
+  void fecSet(const fib_fec_t& fec, bool isNew) {
+    const CallbackGuard guard(*this);
+    if (isNew) ++fecTables_[fec.fec_key().fec_id()];
+    RYX_TRACE(trace(), 5, "set " << fec);
+    dispatch(&fib_handler::on_fec_set, fec);
+  }
+  void fecDel(const fib_fec_key_t& key) {
+    const CallbackGuard guard(*this);
+    if (--fecTables_[key.fec_id()] != 0) return;  // another table has it
+    fecTables_.erase(key.fec_id());
     RYX_TRACE(trace(), 5, "del " << key);
     dispatch(&fib_handler::on_fec_del, key);
   }
@@ -329,18 +325,18 @@ class FibMgrImpl final : public fib_mgr, public mount_handler {
   void createFibMgrSm() {
     if (mode_ != MGR_MODE_READ_NOTIFYING) return;
     isFollowing_ = true;
-    for (auto& [name, vrf] : vrfs_) vrf->follow(*this);
+    for (auto& [name, vrf] : vrfs_) sms_.push_back(std::make_unique<FibMgrSm>(*this, *vrf));
   }
 
   bool find(const fib_route_key_t& key, RouteStatus* row) const {
     const IpPrefix prefix = ryx::convert(key.prefix());
     RouteStatus6 row6;
     for (const auto& [name, vrf] : vrfs_) {
-      if (vrf->ip.routes.find(prefix, row)) {
+      if (vrf->routes.find(prefix, row)) {
         RYX_TRACE(trace(), 7, "Found in Ipv4 route table");
         return true;
       }
-      if (vrf->ip6.routes.find(prefix, &row6)) {
+      if (vrf->routes6.find(prefix, &row6)) {
         RYX_TRACE(trace(), 7, "Found in Ipv6 route table");
         *row = row6;
         return true;
@@ -352,11 +348,11 @@ class FibMgrImpl final : public fib_mgr, public mount_handler {
     ForwardingStatus row;
     ForwardingStatus6 row6;
     for (const auto& [name, vrf] : vrfs_) {
-      if (vrf->ip.fecs.find(key.fec_id(), &row, vias)) {
+      if (vrf->fecs.find(key.fec_id(), &row, vias)) {
         RYX_TRACE(trace(), 7, "Found in Ipv4 fec table");
         return true;
       }
-      if (vrf->ip6.fecs.find(key.fec_id(), &row6, vias)) {
+      if (vrf->fecs6.find(key.fec_id(), &row6, vias)) {
         RYX_TRACE(trace(), 7, "Found in Ipv6 fec table");
         return true;
       }
@@ -364,53 +360,46 @@ class FibMgrImpl final : public fib_mgr, public mount_handler {
     return false;
   }
 
-  void routeChanged(const IpPrefix& prefix, const RouteStatus* row) {
-    const CallbackGuard guard(*this);
-    if (row) {
-      const fib_route_t route = convert(*row);
-      RYX_TRACE(trace(), 5, "set " << route);
-      return dispatch(&fib_handler::on_route_set, route);
-    }
-    const fib_route_key_t key = keyOf(prefix);
-    RYX_TRACE(trace(), 5, "del " << key);
-    dispatch(&fib_handler::on_route_del, key);
-  }
-
   const mgr_mode_type_t mode_;
   platform::mirra::Exchange* tables_ = nullptr;  // null: not mounted yet
   bool isFollowing_ = false;
   Vrfs vrfs_;  // those that were ever registered; null while not mounted
+  std::vector<std::unique_ptr<FibMgrSm>> sms_;
   std::unordered_map<uint64_t, uint32_t> fecTables_;  // how many tables have a class
 };
 
 namespace {
 
-template <class Row>
-void FibRouteSm<Row>::onRow(const Row& row, std::span<const typename RowReactor<Row>::Element>) {
-  if constexpr (std::is_same_v<Row, RouteStatus>)
-    mgr_.handleRoute(row.key, &row);
-  else
-    mgr_.handleRoute6(row.key, &row);
+// A row is converted, which copies it, before anyone is told: whoever is may run the loop.
+FibMgrSm::FibMgrSm(FibMgrImpl& mgr, FibVrf& vrf) : mgr_(mgr) {
+  const auto set = [this](const auto& row, auto) { handleRoute(row.key, &row); };
+  const auto set6 = [this](const auto& row, auto) { handleRoute6(row.key, &row); };
+  reactors_[0] = follow(
+      vrf.fecs, [this](const auto& row, Vias vias) { handleFec(row.key, &vias); },
+      [this](uint64_t fecId) { handleFec(fecId, nullptr); });
+  reactors_[1] = follow(
+      vrf.fecs6, [this](const auto& row, Vias vias) { handleFec6(row.key, &vias); },
+      [this](uint64_t fecId) { handleFec6(fecId, nullptr); });
+  reactors_[2] =
+      follow(vrf.routes, set, [this](const IpPrefix& key) { handleRoute(key, nullptr); });
+  reactors_[3] =
+      follow(vrf.routes6, set6, [this](const IpPrefix& key) { handleRoute6(key, nullptr); });
 }
 
-template <class Row>
-void FibRouteSm<Row>::onRowGone(const IpPrefix& key) {
-  if constexpr (std::is_same_v<Row, RouteStatus>)
-    mgr_.handleRoute(key, nullptr);
-  else
-    mgr_.handleRoute6(key, nullptr);
+void FibMgrSm::handleRoute(const IpPrefix& prefix, const RouteStatus* row) {
+  platform::check(prefix.af() == Af::ipv4, "prefix.af() == AF_IPV4");
+  row ? mgr_.routeSet(convert(*row)) : mgr_.routeDel(keyOf(prefix));
 }
 
-template <class Row>
-void FibFecSm<Row>::onRow(const Row& row, std::span<const Via> vias) {
-  const std::vector<Via> copied(vias.begin(), vias.end());
-  mgr_.handleFec(row.key, &copied, told_.insert(row.key).second);
+void FibMgrSm::handleRoute6(const IpPrefix& prefix, const RouteStatus* row) {
+  platform::check(prefix.af() == Af::ipv6, "prefix.af() == AF_IPV6");
+  row ? mgr_.routeSet(convert(*row)) : mgr_.routeDel(keyOf(prefix));
 }
 
-template <class Row>
-void FibFecSm<Row>::onRowGone(const uint64_t& fecId) {
-  told_.erase(fecId);
-  mgr_.handleFec(fecId, nullptr, false);
+void FibMgrSm::handleFec(uint64_t fecId, const Vias* vias, std::unordered_set<uint64_t>* told) {
+  if (vias) return mgr_.fecSet(convert(fecId, *vias), told->insert(fecId).second);
+  told->erase(fecId);
+  mgr_.fecDel(fib_fec_key_t(fecId));
 }
 
 }  // namespace

@@ -137,28 +137,45 @@ iter_base<mpls_route_via_t, IterImpl> listed(std::vector<mpls_route_via_t> vias)
 // --- reactors -----------------------------------------------------------------------------------
 
 // Tells of the hardware's labels and classes.
-class MplsRouteMgrSm final : public platform::JournalReactor {
+class MplsRouteMgrSm {
  public:
-  MplsRouteMgrSm(MplsRouteMgrImpl& mgr, Status& status)
-      : JournalReactor("MplsRouteMgrSm"), mgr_(mgr), status_(status) {
-    follow(status.journal);
-  }
+  MplsRouteMgrSm(MplsRouteMgrImpl& mgr, Status& status) : mgr_(mgr), hwStatus_(*this, status) {}
 
  private:
-  void onEntity(Entity& entity, Change change) override;
+  class QelMplsHwStatus final : public platform::JournalReactor {
+   public:
+    QelMplsHwStatus(MplsRouteMgrSm& sm, Status& status)
+        : JournalReactor("MplsRouteMgrSm"), sm_(sm) {
+      follow(status.journal);
+    }
+
+   private:
+    void onEntity(Entity& entity, Change change) override;
+    MplsRouteMgrSm& sm_;
+  };
+  // A class that was told, by its number.
+  struct Adjacency {
+    uint64_t l2 = 0;
+  };
+  // Where packets go, by its number: the classes that say so and were told.
+  struct L2Adjacency {
+    std::set<uint64_t> fecs;
+  };
+
   void handleMplsRoute(const platform::Mpls::Hardware::Route& route, bool exists);
   void handleAdjacency(const platform::Mpls::Hardware::Adjacency& adjacency, bool exists);
-  void handleL2ViaSet(uint64_t l2Adjacency);
+  void handleL2Adjacency(const platform::Mpls::Hardware::L2Adjacency& l2, bool exists);
+  void handleL2ViaSet(const L2Adjacency& l2);
   void tellRoute(Label label, uint64_t fec);
   void tellRouteGone(Label label);
 
   MplsRouteMgrImpl& mgr_;
-  Status& status_;
-  std::map<uint32_t, uint64_t> told_;  // labels, and their classes
+  std::set<uint32_t> told_;  // labels
   // Classes that labels have and that were not told yet; a label is told behind its class.
   std::map<uint64_t, std::set<uint32_t>> waiting_;
-  std::unordered_map<uint64_t, std::set<uint64_t>> fecsOfL2_;
-  std::unordered_map<uint64_t, uint64_t> l2OfFec_;  // of those that were told
+  std::unordered_map<uint64_t, Adjacency> adjacencies_;
+  std::unordered_map<uint64_t, L2Adjacency> l2Adjacencies_;
+  QelMplsHwStatus hwStatus_;
 };
 
 }  // namespace
@@ -354,14 +371,14 @@ class MplsRouteMgrImpl final : public OwnInputMgr<mpls_route_mgr, RouteConfigInp
 
 namespace {
 
-void MplsRouteMgrSm::onEntity(Entity& entity, Change change) {
+void MplsRouteMgrSm::QelMplsHwStatus::onEntity(Entity& entity, Change change) {
   const bool exists = change != Change::deleted;
   if (const auto* route = entity.as<platform::Mpls::Hardware::Route>())
-    handleMplsRoute(*route, exists);
+    sm_.handleMplsRoute(*route, exists);
   else if (const auto* adjacency = entity.as<platform::Mpls::Hardware::Adjacency>())
-    handleAdjacency(*adjacency, exists);
+    sm_.handleAdjacency(*adjacency, exists);
   else if (const auto* l2 = entity.as<platform::Mpls::Hardware::L2Adjacency>())
-    handleL2ViaSet(l2->key());
+    sm_.handleL2Adjacency(*l2, exists);
 }
 
 void MplsRouteMgrSm::handleMplsRoute(const platform::Mpls::Hardware::Route& route, bool exists) {
@@ -376,13 +393,13 @@ void MplsRouteMgrSm::handleMplsRoute(const platform::Mpls::Hardware::Route& rout
               " Ignoring unsupported adj with type: " << static_cast<int>(adj.type) << ", index "
                                                       << adj.index);
   if (!exists || !isSupported) return tellRouteGone(label);
-  if (l2OfFec_.count(adj.index)) return tellRoute(label, adj.index);
+  if (adjacencies_.count(adj.index)) return tellRoute(label, adj.index);
   waiting_[adj.index].insert(label.value());
 }
 
 void MplsRouteMgrSm::tellRoute(Label label, uint64_t fec) {
-  platform::check(l2OfFec_.count(fec) != 0, "mplsIp adjacency did not exist for label route");
-  told_[label.value()] = fec;
+  platform::check(adjacencies_.count(fec) != 0, "mplsIp adjacency did not exist for label route");
+  told_.insert(label.value());
   mgr_.routeSet(mpls_label_t(label.value()), mpls_fec_id_t(fec));
 }
 
@@ -393,16 +410,17 @@ void MplsRouteMgrSm::tellRouteGone(Label label) {
 void MplsRouteMgrSm::handleAdjacency(const platform::Mpls::Hardware::Adjacency& adjacency,
                                      bool exists) {
   const uint64_t fec = adjacency.key();
-  const auto before = l2OfFec_.find(fec);
-  if (before != l2OfFec_.end()) {
-    fecsOfL2_[before->second].erase(fec);
-    if (fecsOfL2_[before->second].empty()) fecsOfL2_.erase(before->second);
-    l2OfFec_.erase(before);
+  const auto before = adjacencies_.find(fec);
+  if (before != adjacencies_.end()) {
+    const auto l2 = l2Adjacencies_.find(before->second.l2);
+    l2->second.fecs.erase(fec);
+    if (l2->second.fecs.empty()) l2Adjacencies_.erase(l2);
+    adjacencies_.erase(before);
     if (!exists) return mgr_.fecDel(mpls_fec_id_t(fec));
   }
   if (!exists || fec == 0) return;
-  l2OfFec_[fec] = adjacency.l2Adjacency();
-  fecsOfL2_[adjacency.l2Adjacency()].insert(fec);
+  adjacencies_[fec] = {adjacency.l2Adjacency()};
+  l2Adjacencies_[adjacency.l2Adjacency()].fecs.insert(fec);
   std::set<uint32_t> labels;
   if (const auto at = waiting_.find(fec); at != waiting_.end()) {
     labels = std::move(at->second);
@@ -410,14 +428,18 @@ void MplsRouteMgrSm::handleAdjacency(const platform::Mpls::Hardware::Adjacency& 
   }
   mgr_.fecSet(mpls_fec_id_t(fec));
   for (const uint32_t label : labels)
-    if (l2OfFec_.count(fec)) tellRoute(Label(label), fec);
+    if (adjacencies_.count(fec)) tellRoute(Label(label), fec);
 }
 
-void MplsRouteMgrSm::handleL2ViaSet(uint64_t l2Adjacency) {
-  if (!status_.l2Adjacency.find(l2Adjacency)) return;  // its class goes, too
-  const auto at = fecsOfL2_.find(l2Adjacency);
-  if (at == fecsOfL2_.end()) return;
-  for (const uint64_t fec : std::set<uint64_t>(at->second)) mgr_.fecSet(mpls_fec_id_t(fec));
+// One that goes takes its class along, which is told as that.
+void MplsRouteMgrSm::handleL2Adjacency(const platform::Mpls::Hardware::L2Adjacency& l2,
+                                       bool exists) {
+  const auto at = l2Adjacencies_.find(l2.key());
+  if (exists && at != l2Adjacencies_.end()) handleL2ViaSet(at->second);
+}
+
+void MplsRouteMgrSm::handleL2ViaSet(const L2Adjacency& l2) {
+  for (const uint64_t fec : std::set<uint64_t>(l2.fecs)) mgr_.fecSet(mpls_fec_id_t(fec));
 }
 
 }  // namespace

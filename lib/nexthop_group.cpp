@@ -242,7 +242,8 @@ class NexthopGroupBacklog final : public DirtyTable<Name, NexthopGroupConfigEntr
       : DirtyTable("NexthopGroupMgrSm", backlog, rank), mgr_(mgr) {}
 
  private:
-  bool run(Slice& slice) override;
+  bool run(Slice& slice) override { return reviewNexthopGroups(slice); }
+  bool reviewNexthopGroups(Slice& slice);
   bool clogged() const override;
   void deferred() override { RYX_TRACE(trace(), 3, "AttrLogOut clogged"); }
   void commit(const Name& name, NexthopGroupConfigEntry* copy) override;
@@ -276,10 +277,7 @@ class NexthopGroupMgrSm final : public platform::mirra::RowReactor<EntryStatus> 
   NexthopGroupMgrImpl& mgr_;
   std::unordered_map<uint64_t, NexthopGroupAdjacencySm> adjacencies_;
   // The numbers of the active groups of each name, mostly one: one may come before another goes.
-  struct NameHash {
-    size_t operator()(const Name& name) const { return name.hash(); }
-  };
-  std::unordered_map<Name, std::vector<uint64_t>, NameHash> active_;
+  std::unordered_map<Name, std::vector<uint64_t>> active_;
 };
 
 }  // namespace
@@ -384,14 +382,7 @@ class NexthopGroupMgrImpl final : public nexthop_group_mgr, public mount_handler
     RYX_TRACE_ENTRY(trace(), 7, " group=" << group);
     const ApiGuard guard(*this);
     check(group, *hardware_);
-    const Ref<NexthopGroupConfigEntry> copy = convert(group);
-    const Name name = copy->key();
-    if (resync_.isOn()) resync_.declare(name);
-    deletions_.clean(name);
-    if (sets_.isDirty(name) || isClogged())
-      addNexthopGroupForReview(name, copy);
-    else
-      write(name, copy.get());
+    localConfigIs(convert(group));
   }
   void nexthop_group_del(const std::string& nexthop_group_name) override {
     RYX_TRACE_ENTRY(trace(), 7, " name=" << nexthop_group_name);
@@ -467,8 +458,19 @@ class NexthopGroupMgrImpl final : public nexthop_group_mgr, public mount_handler
     return deletions_.isDirty(name) ? nullptr : input_->nexthopGroup.find(name);
   }
 
+  // What the group is to be.
+  void localConfigIs(const Ref<NexthopGroupConfigEntry>& copy) {
+    const Name name = copy->key();
+    if (resync_.isOn()) resync_.declare(name);
+    deletions_.clean(name);
+    if (sets_.isDirty(name) || isClogged())
+      addNexthopGroupForReview(name, copy);
+    else
+      write(name, copy.get());
+  }
+  // `copy`: null, it is to be deleted.
   void addNexthopGroupForReview(const Name& name, const Ref<NexthopGroupConfigEntry>& copy) {
-    RYX_TRACE(trace(), 3, "AttrLogOut clogged");
+    if (isClogged()) RYX_TRACE(trace(), 3, "AttrLogOut clogged");
     (copy ? sets_ : deletions_).set(name, copy);
   }
   // At once, unless something waits that goes before deletions.
@@ -494,7 +496,7 @@ class NexthopGroupMgrImpl final : public nexthop_group_mgr, public mount_handler
 
 namespace {
 
-bool NexthopGroupBacklog::run(Slice& slice) {
+bool NexthopGroupBacklog::reviewNexthopGroups(Slice& slice) {
   const CallbackGuard guard(mgr_);
   return commitSome(slice);
 }
@@ -656,6 +658,16 @@ std::ostream& operator<<(std::ostream& out, const nexthop_group_entry_t& entry) 
   return out << entry.to_string();
 }
 
+namespace {
+
+auto fieldsOf(const nexthop_group_t& g) {
+  return std::make_tuple(std::cref(g.name()), g.type(), g.ttl(), std::cref(g.source_ip()),
+                         g.source_intf(), g.gre_key_type(), g.size(),
+                         std::cref(g.destination_ips()), std::cref(g.mpls_actions()));
+}
+
+}  // namespace
+
 nexthop_group_t::nexthop_group_t() = default;
 nexthop_group_t::nexthop_group_t(const std::string& name, nexthop_group_encap_t type)
     : name_(name), type_(type) {}
@@ -730,18 +742,13 @@ std::map<uint16_t, nexthop_group_entry_t> nexthop_group_t::entries() const {
   return entries;
 }
 bool nexthop_group_t::operator==(const nexthop_group_t& other) const {
-  return !(*this < other) && !(other < *this);
+  return fieldsOf(*this) == fieldsOf(other);
 }
 bool nexthop_group_t::operator!=(const nexthop_group_t& other) const {
   return !(*this == other);
 }
 bool nexthop_group_t::operator<(const nexthop_group_t& other) const {
-  const auto fields = [](const nexthop_group_t& g) {
-    return std::make_tuple(std::cref(g.name_), g.type_, g.ttl_, std::cref(g.source_ip_),
-                           g.source_intf_, g.gre_key_type_, g.size(), std::cref(g.destination_ips_),
-                           std::cref(g.mpls_actions_));
-  };
-  return fields(*this) < fields(other);
+  return fieldsOf(*this) < fieldsOf(other);
 }
 std::size_t nexthop_group_t::hash() const {
   uint64_t hash = platform::hashBytes(name_.data(), name_.size());

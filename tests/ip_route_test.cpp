@@ -21,6 +21,7 @@
 #include "switch/base/vrfs.h"
 #include "tests/support/random_runs.h"
 #include "tests/support/statehub_fixture.h"
+#include "tests/support/texts.h"
 
 namespace ryx::testing {
 namespace {
@@ -30,19 +31,6 @@ using platform::Routing::Route;
 using platform::Routing::RouteInput;
 using platform::Routing::RouteType;
 
-ip_prefix_t prefix(const std::string& text) {
-  ip_prefix_t result;
-  EXPECT_TRUE(parse_ip_prefix(text.c_str(), &result)) << text;
-  return result;
-}
-ip_addr_t addr(const std::string& text) {
-  ip_addr_t result;
-  EXPECT_TRUE(parse_ip_addr(text.c_str(), &result)) << text;
-  return result;
-}
-ip_route_key_t key(const std::string& text, uint8_t preference = 1) {
-  return {prefix(text), preference};
-}
 ip_route_t route(const ip_route_key_t& key, uint32_t tag = 0) {
   ip_route_t result(key);
   result.tag_is(tag);
@@ -50,7 +38,7 @@ ip_route_t route(const ip_route_key_t& key, uint32_t tag = 0) {
 }
 ip_route_via_t toHop(const ip_route_key_t& key, const std::string& hop) {
   ip_route_via_t via(key);
-  via.hop_is(addr(hop));
+  via.hop_is(addrOf(hop));
   return via;
 }
 ip_route_via_t toIntf(const ip_route_key_t& key, const std::string& intf) {
@@ -122,8 +110,8 @@ TEST_P(IpRouteTest, WhatIsSetIsReadableAtOnceAndCommittedInTheNextTurn) {
   EXPECT_EQ("Static", input->redistributionName());
   EXPECT_EQ(1u, input->defaultPreference());
 
-  const ip_route_key_t ten = key("10.0.0.0/8"), other = key("10.0.0.0/8", 200),
-                       six = key("2001:db8::/32");
+  const ip_route_key_t ten = keyOf("10.0.0.0/8"), other = keyOf("10.0.0.0/8", 200),
+                       six = keyOf("2001:db8::/32");
   mgr->ip_route_set(route(ten, 7));
   mgr->ip_route_via_set(toHop(ten, "192.0.2.1"));
   mgr->ip_route_via_set(toHop(ten, "192.0.2.1"));
@@ -132,6 +120,7 @@ TEST_P(IpRouteTest, WhatIsSetIsReadableAtOnceAndCommittedInTheNextTurn) {
   mgr->ip_route_set(route(six), IP_ROUTE_ACTION_NEXTHOP_GROUP);
   mgr->ip_route_via_set(toGroup(six, "g"));
   EXPECT_EQ("", inputs("a")) << "not within the call";
+  EXPECT_EQ(3u, mgr->uncommitted());
   EXPECT_TRUE(mgr->exists(ten) && mgr->exists(other) && mgr->exists(six));
   EXPECT_EQ(route(ten, 7), mgr->ip_route(ten));
   EXPECT_EQ(2u, viasOf(*mgr, ten).size());
@@ -140,13 +129,14 @@ TEST_P(IpRouteTest, WhatIsSetIsReadableAtOnceAndCommittedInTheNextTurn) {
   EXPECT_EQ((std::vector<std::string>{toIntf(other, "Null0").to_string()}), viasOf(*mgr, other));
   EXPECT_EQ((std::vector<std::string>{toGroup(six, "g").to_string()}), viasOf(*mgr, six));
   settle();
+  EXPECT_EQ(0u, mgr->uncommitted());
   const std::string all =
       "10.0.0.0/8 1 forward tag 7 [ Ethernet1] [192.0.2.1 ]\n10.0.0.0/8 200 drop\n"
       "2001:db8::/32 1 group g\n";
   EXPECT_EQ(all, inputs("a"));
   EXPECT_EQ(2u, viasOf(*mgr, ten).size());
   // Both what is committed and what is not is iterated once.
-  const ip_route_key_t more = key("172.16.0.0/12");
+  const ip_route_key_t more = keyOf("172.16.0.0/12");
   mgr->ip_route_set(route(more));
   mgr->ip_route_set(route(ten, 8));
   mgr->ip_route_del(other);
@@ -169,7 +159,7 @@ TEST_P(IpRouteTest, AnotherTypeMakesItAnewWithWhatItHad) {
   TestSdk sdk(*this, "a");
   ip_route_mgr* mgr = sdk.get_ip_route_mgr();
   sdk.start();
-  const ip_route_key_t ten = key("10.0.0.0/8");
+  const ip_route_key_t ten = keyOf("10.0.0.0/8");
   mgr->ip_route_set(route(ten, 3));
   mgr->ip_route_via_set(toHop(ten, "192.0.2.1"));
   settle();
@@ -203,7 +193,7 @@ TEST_P(IpRouteTest, WhatIsWrongIsToldInItsOrderAndChangesNothing) {
   TestSdk sdk(*this, "a");
   ip_route_mgr* mgr = sdk.get_ip_route_mgr();
   sdk.start();
-  const ip_route_key_t ten = key("10.0.0.0/8"), absent = key("11.0.0.0/8"), none;
+  const ip_route_key_t ten = keyOf("10.0.0.0/8"), absent = keyOf("11.0.0.0/8"), none;
   mgr->ip_route_set(route(ten, 5));
   mgr->tag_is(5);
   settle();
@@ -222,7 +212,7 @@ TEST_P(IpRouteTest, WhatIsWrongIsToldInItsOrderAndChangesNothing) {
   };
   ip_route_via_t both = toGroup(ten, "g"), label = toHop(ten, "192.0.2.1"),
                  mixed = toHop(ten, "2001:db8::1"), vxlan = toHop(ten, "192.0.2.1");
-  both.hop_is(addr("192.0.2.1"));
+  both.hop_is(addrOf("192.0.2.1"));
   label.mpls_label_is(mpls_label_t(8'388'609));
   says("Tried to insert a route with tag 6 while restricted to tag set 5",
        [&] { mgr->ip_route_set(route(none, 6)); });
@@ -249,7 +239,7 @@ TEST_P(IpRouteTest, WhatIsWrongIsToldInItsOrderAndChangesNothing) {
   says("MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed",
        [&] { mgr->ip_route_via_set(label); });
   for (int set = 1; set < 7; ++set) {
-    vxlan.vtep_addr_is(set & 1 ? addr("198.51.100.1") : ip_addr_t());
+    vxlan.vtep_addr_is(set & 1 ? addrOf("198.51.100.1") : ip_addr_t());
     vxlan.vni_is(set & 2 ? 10 : 0);
     vxlan.router_mac_is(set & 4 ? eth_addr_t(0, 0x1c, 0x73, 0, 0, 1) : eth_addr_t());
     says(set == 5     ? "Invalid vni, vni must be set if vtep_addr and router_mac are set"
@@ -271,7 +261,7 @@ TEST_P(IpRouteTest, WhatIsWrongIsToldInItsOrderAndChangesNothing) {
   // The largest label there is, and a whole tunnel.
   mgr->tag_is(0);
   label.mpls_label_is(mpls_label_t(8'388'608));
-  vxlan.vtep_addr_is(addr("198.51.100.1"));
+  vxlan.vtep_addr_is(addrOf("198.51.100.1"));
   vxlan.vni_is(10);
   vxlan.router_mac_is(eth_addr_t(0, 0x1c, 0x73, 0, 0, 1));
   mgr->ip_route_via_set(label);
@@ -285,7 +275,7 @@ TEST_P(IpRouteTest, ADirectoryOfAVrfMayComeLateAndGo) {
   TestSdk sdk(*this, "a");
   ip_route_mgr* mgr = sdk.get_ip_route_mgr();
   sdk.start();
-  const ip_route_key_t ten = key("10.0.0.0/8");
+  const ip_route_key_t ten = keyOf("10.0.0.0/8");
   mgr->ip_route_set(route(ten), "red");
   EXPECT_TRUE(mgr->exists(ten, "red"));
   EXPECT_FALSE(mgr->exists(ten));
@@ -439,7 +429,7 @@ TEST_P(IpRouteTest, RandomOperationsAgainstAModel) {
     for (int n = 0; n < 300; ++n) {
       const std::string vrf = kVrfs[pick(4)];
       const std::string text = kPrefixes[pick(6)];
-      const ip_route_key_t k = key(text, static_cast<uint8_t>(1 + pick(2)));
+      const ip_route_key_t k = keyOf(text, static_cast<uint8_t>(1 + pick(2)));
       const Model::Key at(vrf, k);
       const uint32_t tag = static_cast<uint32_t>(pick(3));
       const std::string hop = (text.find(':') == text.npos ? "198.51.100." : "2001:db8::") +

@@ -17,14 +17,6 @@ namespace {
 
 class MplsRouteTest : public ForwardingTest {
  protected:
-  template <class Iter>
-  static std::string all(Iter iter) {
-    std::set<std::string> texts;
-    for (; iter; ++iter) texts.insert(iter->to_string());
-    std::string text;
-    for (const std::string& one : texts) text += one + "\n";
-    return text;
-  }
   static mpls_route_via_t swap(const mpls_route_key_t& key, const std::string& hop, uint32_t out) {
     mpls_route_via_t via(key);
     via.hop_is(addrOf(hop));
@@ -83,7 +75,7 @@ TEST_P(MplsRouteTest, WhatIsWrongIsToldInItsOrderAndChangesNothing) {
   via.hop_is(addrOf("10.1.0.9"));
   EXPECT_EQ("must use a mpls_action_t other than MPLS_ACTION_NULL",
             errorOf<legacy_exception>([&] { mgr->mpls_route_via_set(via); }));
-  EXPECT_EQ("", all(mgr->mpls_route_via_iter(key)));
+  EXPECT_EQ("", allOf(mgr->mpls_route_via_iter(key)));
   EXPECT_THROW(mpls_fec_id_t(0), invalid_argument_error);
   EXPECT_EQ("mpls_fec_id_t(7)", mpls_fec_id_t(7).to_string());
   EXPECT_TRUE(!mpls_fec_id_t());
@@ -116,7 +108,7 @@ TEST_P(MplsRouteTest, RoutesAreReadBackAndResynced) {
       "action=MPLS_ACTION_POP, nexthop_group='g')\n"
       "mpls_route_via_t(route_key=mpls_route_key_t(label=mpls_label_t(label=17), metric=1), "
       "hop=10.1.0.9, out_label=mpls_label_t(label=21), action=MPLS_ACTION_SWAP)\n",
-      all(mgr->mpls_route_via_iter(three)));
+      allOf(mgr->mpls_route_via_iter(three)));
 
   mgr->resync_init();
   mgr->mpls_route_set(mpls_route_t(one));
@@ -125,8 +117,8 @@ TEST_P(MplsRouteTest, RoutesAreReadBackAndResynced) {
   mgr->mpls_route_del(two);
   mgr->resync_complete();
   settle();
-  EXPECT_EQ(mpls_route_t(one).to_string() + "\n", all(mgr->mpls_route_iter()));
-  EXPECT_EQ(swap(one, "10.1.0.9", 21).to_string() + "\n", all(mgr->mpls_route_via_iter(one)));
+  EXPECT_EQ(mpls_route_t(one).to_string() + "\n", allOf(mgr->mpls_route_iter()));
+  EXPECT_EQ(swap(one, "10.1.0.9", 21).to_string() + "\n", allOf(mgr->mpls_route_via_iter(one)));
   const auto* input =
       find<platform::Mpls::RouteConfigInput>("routing/mpls/route/input/dynamic/RyxSdk-a");
   ASSERT_TRUE(input);
@@ -154,11 +146,11 @@ TEST_P(MplsRouteTest, TheHardwaresLabelsAreTold) {
       "hop=10.1.0.9, intf=Ethernet1, out_label=mpls_label_t(label=20), "
       "action=MPLS_ACTION_SWAP)\n";
   EXPECT_EQ("mpls_route_via_t(route_key=" + key.to_string() + ", " + via,
-            all(mgr->mpls_route_via_status_iter(mpls_label_t(16))));
+            allOf(mgr->mpls_route_via_status_iter(mpls_label_t(16))));
   EXPECT_EQ("mpls_route_via_t(route_key=" + mpls_route_key_t().to_string() + ", " + via,
-            all(mgr->mpls_route_via_status_iter(mgr->fec_id(mpls_label_t(16)))));
+            allOf(mgr->mpls_route_via_status_iter(mgr->fec_id(mpls_label_t(16)))));
   EXPECT_TRUE(!mgr->fec_id(mpls_label_t(99)));
-  EXPECT_EQ("", all(mgr->mpls_route_via_status_iter(mpls_fec_id_t(4711))));
+  EXPECT_EQ("", allOf(mgr->mpls_route_via_status_iter(mpls_fec_id_t(4711))));
 
   mgr->mpls_route_set(mpls_route_t(better));
   mgr->mpls_route_via_set(swap(better, "10.2.0.9", 21));
@@ -186,9 +178,10 @@ TEST_P(MplsRouteTest, TheHardwaresLabelsAreTold) {
   vrfs->mpls_vrf_label_set({mpls_label_t(18), "default"});
   settle();
   EXPECT_EQ("route 17\n", one.told());
-  EXPECT_NE(std::string::npos, all(mgr->mpls_route_via_status_iter(mpls_label_t(17)))
+  EXPECT_NE(std::string::npos, allOf(mgr->mpls_route_via_status_iter(mpls_label_t(17)))
                                    .find("hop=10.1.0.7, intf=Ethernet1, action=MPLS_ACTION_POP"));
-  EXPECT_EQ("mpls_label_t(label=16)\nmpls_label_t(label=17)\n", all(mgr->mpls_route_status_iter()));
+  EXPECT_EQ("mpls_label_t(label=16)\nmpls_label_t(label=17)\n",
+            allOf(mgr->mpls_route_status_iter()));
   EXPECT_TRUE(find<platform::Mpls::Hardware::Status>("routing/hardware/mpls/status")
                   ->route.find(platform::Mpls::Label(18)));
   EXPECT_TRUE(!mgr->fec_id(mpls_label_t(18)));

@@ -12,30 +12,12 @@
 #include "ryx/mpls_vrf_label.h"
 #include "ryx/panic.h"
 #include "tests/support/statehub_fixture.h"
+#include "tests/support/texts.h"
 
 namespace ryx::testing {
 namespace {
 
-class OwnInputTest : public StatehubTest {
- protected:
-  template <class Iter>
-  static std::string all(Iter iter) {
-    std::set<std::string> texts;
-    for (; iter; ++iter) texts.insert(iter->to_string());
-    std::string text;
-    for (const std::string& one : texts) text += one + "\n";
-    return text;
-  }
-  template <class Error>
-  static void says(const std::string& text, const std::function<void()>& call) {
-    try {
-      call();
-      ADD_FAILURE() << "no error; expected " << text;
-    } catch (const Error& e) {
-      EXPECT_EQ(text, e.what());
-    }
-  }
-};
+class OwnInputTest : public StatehubTest {};
 RYX_OVER_BOTH(OwnInputTest);
 
 TEST_P(OwnInputTest, LabelsLeadToVrfs) {
@@ -52,27 +34,27 @@ TEST_P(OwnInputTest, LabelsLeadToVrfs) {
   EXPECT_EQ("blue", mgr->mpls_vrf_label(ten).vrf_name());
   EXPECT_EQ(mpls_vrf_label_t(), mgr->mpls_vrf_label(twenty));
   EXPECT_EQ(mpls_vrf_label_t(), mgr->mpls_vrf_label(tooLarge));
-  says<range_error>("VrfName::bytes > VrfName::maxLength not allowed", [&] {
-    mgr->mpls_vrf_label_set({tooLarge, std::string(101, 'x')});
-  });
+  EXPECT_EQ("VrfName::bytes > VrfName::maxLength not allowed", errorOf<range_error>([&] {
+              mgr->mpls_vrf_label_set({tooLarge, std::string(101, 'x')});
+            }));
   for (const mpls_label_t& label : {tooLarge, mpls_label_t()})
-    says<range_error>("MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed",
-                      [&] {
-                        mgr->mpls_vrf_label_set({label, "red"});
-                      });
+    EXPECT_EQ("MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed",
+              errorOf<range_error>([&] {
+                mgr->mpls_vrf_label_set({label, "red"});
+              }));
   mgr->mpls_vrf_label_del(largest);
   mgr->mpls_vrf_label_del(tooLarge);
   others->mpls_vrf_label_set({ten, "green"});
   settle();
   EXPECT_EQ("mpls_vrf_label_t(label=mpls_label_t(label=10), vrf_name='blue')\n",
-            all(mgr->mpls_vrf_label_iter()));
+            allOf(mgr->mpls_vrf_label_iter()));
   auto* input =
       find<platform::Mpls::VrfLabelConfigInput>("routing/mpls/vrfLabel/input/dynamic/RyxSdk-a");
   ASSERT_NE(nullptr, input);
   EXPECT_EQ("blue", input->vrfLabel.find(platform::Mpls::Label(10))->vrfName().bytes());
 
-  says<legacy_exception>("Resync mode was not initialized; cannot complete resync",
-                         [&] { mgr->resync_complete(); });
+  EXPECT_EQ("Resync mode was not initialized; cannot complete resync",
+            errorOf<legacy_exception>([&] { mgr->resync_complete(); }));
   mgr->mpls_vrf_label_set({twenty, "red"});
   mgr->mpls_vrf_label_set({mpls_label_t(30), "red"});
   mgr->resync_init();
@@ -82,10 +64,10 @@ TEST_P(OwnInputTest, LabelsLeadToVrfs) {
   mgr->resync_complete();
   settle();
   EXPECT_EQ("mpls_vrf_label_t(label=mpls_label_t(label=10), vrf_name='blue')\n",
-            all(mgr->mpls_vrf_label_iter()));
+            allOf(mgr->mpls_vrf_label_iter()));
   EXPECT_EQ(1u, input->vrfLabel.size());
   EXPECT_EQ("mpls_vrf_label_t(label=mpls_label_t(label=10), vrf_name='green')\n",
-            all(others->mpls_vrf_label_iter()));
+            allOf(others->mpls_vrf_label_iter()));
 }
 
 TEST_P(OwnInputTest, DecapGroups) {
@@ -100,35 +82,35 @@ TEST_P(OwnInputTest, DecapGroups) {
   EXPECT_EQ(decap_group_t("g", second, PROTOCOL_TYPE_UDP), mgr->decap_group("g"));
   EXPECT_EQ(decap_group_t(), mgr->decap_group("none"));
   const auto foreign = static_cast<decap_protocol_type_t>(7);
-  says<invalid_argument_error>("Invalid argument 'group.group_name()': Empty decap group name",
-                               [&] {
-                                 mgr->decap_group_set({"", ip6, PROTOCOL_TYPE_NULL});
-                               });
-  says<invalid_argument_error>(
+  EXPECT_EQ("Invalid argument 'group.group_name()': Empty decap group name",
+            errorOf<invalid_argument_error>([&] {
+              mgr->decap_group_set({"", ip6, PROTOCOL_TYPE_NULL});
+            }));
+  EXPECT_EQ(
       "Invalid argument 'group.destination_addr()': only IPv4 destination addresses are supported",
-      [&] {
+      errorOf<invalid_argument_error>([&] {
         mgr->decap_group_set({"x", ip6, PROTOCOL_TYPE_NULL});
-      });
-  says<invalid_argument_error>(
+      }));
+  EXPECT_EQ(
       "Invalid argument 'group.protocol_type()': must pass a tunnel protocol other than "
       "PROTOCOL_TYPE_NULL",
-      [&] {
+      errorOf<invalid_argument_error>([&] {
         mgr->decap_group_set({"x", first, PROTOCOL_TYPE_NULL});
-      });
-  says<unsupported_error>("Unsupported protocol type for decap group 7", [&] {
-    mgr->decap_group_set({"x", first, foreign});
-  });
+      }));
+  EXPECT_EQ("Unsupported protocol type for decap group 7", errorOf<unsupported_error>([&] {
+              mgr->decap_group_set({"x", first, foreign});
+            }));
   settle();
   const std::string g =
       "decap_group_t(group_name='g', destination_addr=10.0.0.2, protocol_type=PROTOCOL_TYPE_UDP)\n";
   EXPECT_EQ(g + "decap_group_t(group_name='h', destination_addr=10.0.0.1, "
                 "protocol_type=PROTOCOL_TYPE_UDP)\n",
-            all(mgr->decap_group_iter()));
+            allOf(mgr->decap_group_iter()));
   mgr->resync_init();
   mgr->decap_group_set({"g", second, PROTOCOL_TYPE_UDP});
   mgr->resync_complete();
   settle();
-  EXPECT_EQ(g, all(mgr->decap_group_iter()));
+  EXPECT_EQ(g, allOf(mgr->decap_group_iter()));
   auto* input =
       find<platform::Tunnel::Decap::ConfigInput>("routing/tunneldecap/input/dynamic/RyxSdk-a");
   ASSERT_NE(nullptr, input);

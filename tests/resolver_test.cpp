@@ -12,6 +12,7 @@
 
 #include "platform/activity/activity.h"
 #include "platform/base/clock.h"
+#include "tests/support/parsed.h"
 #include "tests/support/random_runs.h"
 
 namespace ryx {
@@ -24,19 +25,13 @@ using GroupType = platform::Routing::NexthopGroup::Type;
 using Ways = std::map<NextHop, uint32_t>;
 
 IpPrefix prefix(const std::string& text) {
-  IpPrefix p;
-  EXPECT_TRUE(parse(text, &p)) << text;
-  return p;
+  return test::parsed<IpPrefix>(text);
 }
 IpAddr addr(const std::string& text) {
-  IpAddr a;
-  EXPECT_TRUE(parse(text, &a)) << text;
-  return a;
+  return test::parsed<IpAddr>(text);
 }
 IntfId intf(const std::string& text) {
-  IntfId i;
-  EXPECT_TRUE(parse(text, &i)) << text;
-  return i;
+  return test::id(text);
 }
 
 struct Forwarding {
@@ -55,7 +50,6 @@ using Destination = std::tuple<std::string, IpPrefix, uint32_t>;
 class DataPlane final : public Programmer {
  public:
   void outcomesAre(Outcomes& listener) override { outcomes = &listener; }
-  std::vector<Capability> capabilities() const override { return {}; }
   void addVrf(const Name& vrf) override { EXPECT_TRUE(vrfs_.insert(std::string(vrf)).second); }
   void removeVrf(const Name& vrf) override {
     EXPECT_EQ(1u, vrfs_.erase(std::string(vrf)));
@@ -99,6 +93,7 @@ class DataPlane final : public Programmer {
     routes_.erase(at);
   }
 
+  GroupId groupOf(const RouteKey& key) const { return routes_.at(destination(key)).group; }
   // It has it not.
   void refuse(const RouteKey& key) { routes_.erase(destination(key)); }
 
@@ -305,6 +300,21 @@ TEST_F(Fixture, WhatWasRefusedIsAskedAgainWhenItMayDo) {
   plane.outcomes->retry();
   EXPECT_TRUE(has("50.0.0.0/8"));
   EXPECT_EQ(0u, resolver.counters().refused);
+}
+
+TEST_F(Fixture, ARefusedGroupHasNoRoutesUntilItIsAskedAgain) {
+  group("g", {"10.1.0.9"});
+  connected("10.1.0.0/24", "Ethernet1");
+  route("50.0.0.0/8", {}, RouteType::nexthopGroup, "g");
+  route("50.0.0.0/8", {via("", "Ethernet2")}, RouteType::forward, {}, 7);
+  EXPECT_EQ((Ways{{way("10.1.0.9", "Ethernet1"), 1}}), at("50.0.0.0/8").ways);
+  plane.outcomes->groupOutcome(
+      plane.groupOf({.vrf = Name("default"), .prefix = prefix("50.0.0.0/8")}), "no space");
+  EXPECT_EQ(7u, at("50.0.0.0/8").preference) << "the next best";
+  EXPECT_EQ(0u, plane.named().count("g")) << "it is removed as others are";
+  plane.outcomes->retry();
+  EXPECT_EQ(1u, at("50.0.0.0/8").preference);
+  EXPECT_EQ(1u, plane.named().count("g"));
 }
 
 // --- against one that computes everything anew --------------------------------------------------

@@ -146,6 +146,19 @@ TEST_F(SimTest, RefusedLinesSayWhatWasExpectedAndChangeNothing) {
            {"neighbor-age 10.0.0.1 Ethernet1",
             "no neighbour 10.0.0.1 was learned at Ethernet1; expected one that neighbor-learn "
             "made"},
+           {"nexthop-group-capability vxlan 1 push",
+            "the type \"vxlan\"; expected ip-in-ip, gre, mpls, mpls-over-gre or ip"},
+           {"nexthop-group-capability gre 1 push,jump",
+            "the action \"jump\"; expected push, pop, swap, forward, several with commas, or - for "
+            "none"},
+           {"nexthop-group-capability gre many push",
+            "\"many\" is no MAXLABELS (a number of labels, or none); expected: "
+            "nexthop-group-capability TYPE MAXLABELS ACTION,..."},
+           {"nexthop-group-count g 3 1 64",
+            "no nexthop group \"g\" with an entry 3 is programmed; expected one that is"},
+           {"nexthop-group-clear g 3",
+            "no nexthop group \"g\" with an entry 3 is programmed; expected one that is"},
+           {"clogged perhaps", "\"perhaps\" is no on|off (on or off); expected: clogged on|off"},
            {"oper-status Ethernet1", "CODE is missing (a number from 0 to 255)" + oper},
            {"oper-status Ethernet1 256", "\"256\" is no CODE (a number from 0 to 255)" + oper},
            {"oper-status Ethernet1 -1", "\"-1\" is no CODE (a number from 0 to 255)" + oper},

@@ -72,19 +72,13 @@ CollectionBase::~CollectionBase() {
   delete table_;
 }
 
-namespace {
-
-struct Slots {
-  const uint64_t* slots;
-  uint32_t mask;
-  uint64_t gone;
-};
-
-Entity* findIn(const Slots& t, uint32_t hash, uint64_t tag, const void* key) {
-  for (uint32_t at = hash & t.mask;; at = (at + 1) & t.mask) {
-    const uint64_t slot = t.slots[at];
+Entity* CollectionBase::findIn(const uint64_t* slots, uint32_t mask, uint32_t hash,
+                               const void* key) {
+  const uint64_t tag = slotFor(hash, nullptr) >> 48;
+  for (uint32_t at = hash & mask;; at = (at + 1) & mask) {
+    const uint64_t slot = slots[at];
     if (slot == 0) return nullptr;
-    if (slot >> 48 != tag || slot == t.gone) continue;
+    if (slot >> 48 != tag || slot == kGone) continue;
     auto* e = reinterpret_cast<Entity*>(slot & 0xffffffffffffu);
     const TypeInfo& type = e->type();
     if (type.keyKind->equal(e->at(type.keyOffset), key)) return e;
@@ -92,21 +86,19 @@ Entity* findIn(const Slots& t, uint32_t hash, uint64_t tag, const void* key) {
 }
 
 // A gone mark is needed only where a search may have to go on.
-void takeSlot(uint64_t* slots, uint32_t mask, uint32_t hash, uint64_t slot, uint64_t gone) {
+void CollectionBase::takeSlot(uint64_t* slots, uint32_t mask, uint32_t hash, const Entity* e) {
+  const uint64_t slot = slotFor(hash, e);
   uint32_t at = hash & mask;
   while (slots[at] != slot) at = (at + 1) & mask;
-  slots[at] = slots[(at + 1) & mask] == 0 ? 0 : gone;
+  slots[at] = slots[(at + 1) & mask] == 0 ? 0 : kGone;
 }
-
-}  // namespace
 
 Entity* CollectionBase::findHashed(uint64_t hash, const void* key) const {
   if (!table_ || table_->live == 0) return nullptr;
   const Table& t = *table_;
   const auto hash32 = static_cast<uint32_t>(hash >> 32);
-  const uint64_t tag = slotFor(hash32, nullptr) >> 48;
-  Entity* e = findIn({t.slots, t.slotMask, kGone}, hash32, tag, key);
-  return e || !t.oldSlots ? e : findIn({t.oldSlots, t.oldMask, kGone}, hash32, tag, key);
+  Entity* e = findIn(t.slots, t.slotMask, hash32, key);
+  return e || !t.oldSlots ? e : findIn(t.oldSlots, t.oldMask, hash32, key);
 }
 
 void CollectionBase::insertSlot(uint32_t hash, const Entity* e) {
@@ -249,10 +241,9 @@ void CollectionBase::takeOut(Entity& child) {
   Table& t = *table_;
   uint32_t place = child.slot_;
   const uint32_t hash = t.hashes[place];
-  const uint64_t slot = slotFor(hash, &child);
   const bool isOld = t.oldSlots && place < t.toMove;
-  if (isOld) takeSlot(t.oldSlots, t.oldMask, hash, slot, kGone);
-  if (!isOld || place < t.moved) takeSlot(t.slots, t.slotMask, hash, slot, kGone);
+  if (isOld) takeSlot(t.oldSlots, t.oldMask, hash, &child);
+  if (!isOld || place < t.moved) takeSlot(t.slots, t.slotMask, hash, &child);
   t.entries[place] = nullptr;
   --t.live;
   if (t.live == 0) return clear();

@@ -90,6 +90,8 @@ class RYX_PRIVATE CollectionBase {
     return uint64_t{hash >> 16} << 48 | reinterpret_cast<uintptr_t>(e);
   }
 
+  static Entity* findIn(const uint64_t* slots, uint32_t mask, uint32_t hash, const void* key);
+  static void takeSlot(uint64_t* slots, uint32_t mask, uint32_t hash, const Entity* e);
   static void enter(Entity& e, Journal* journal);
   static void leave(Entity& e);
   void grow();

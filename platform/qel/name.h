@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -59,3 +60,8 @@ class Name {
 };
 
 }  // namespace ryx::platform
+
+template <>
+struct std::hash<ryx::platform::Name> {
+  size_t operator()(const ryx::platform::Name& name) const { return name.hash(); }
+};

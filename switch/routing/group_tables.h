@@ -20,6 +20,13 @@
 
 namespace ryx::routing {
 
+// A kind of nexthop groups that the data plane can program, and how many labels and which actions.
+struct Capability {
+  platform::Routing::NexthopGroup::Type type;
+  uint32_t maxLabels = 0;
+  std::vector<platform::Mpls::Action> actions;
+};
+
 // As the forwarding tables show them.
 platform::Fib::Via viaOf(const NextHop& nextHop, uint32_t weight);
 

@@ -24,8 +24,6 @@ class Inputs final : private platform::JournalReactor {
   // `tree` outlives it. What there is when it starts is told before it returns.
   Inputs(platform::Tree& tree, Programmer& programmer);
 
-  Resolver::Counters counters() const { return resolver_.counters(); }
-
  private:
   void onEntity(platform::Entity& entity, platform::Change change) override;
   void onRoute(platform::Routing::Route& route, platform::Change change);
@@ -54,11 +52,8 @@ class Inputs final : private platform::JournalReactor {
   };
   std::unordered_map<platform::IntfId, std::vector<Network>> networks_;  // as they were told
   // The groups of each name, mostly one.
-  struct NameHash {
-    size_t operator()(const platform::Name& name) const { return name.hash(); }
-  };
   using Group = platform::Routing::NexthopGroup::NexthopGroupConfigEntry;
-  std::unordered_map<platform::Name, std::vector<platform::Ref<Group>>, NameHash> groups_;
+  std::unordered_map<platform::Name, std::vector<platform::Ref<Group>>> groups_;
   // Whose the input is that routes stand in.
   struct Input {
     platform::Ref<platform::Entity> entity;

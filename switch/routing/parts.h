@@ -118,7 +118,6 @@ struct Candidate {
   Candidate *before, *behind;  // of the FEC
   const Owner* owner;
   uint32_t preference;
-  bool isOfGroup;
   bool isGone;     // removed, unless it is set again at once
   bool hasWaited;  // for its group, long enough
 

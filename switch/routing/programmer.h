@@ -91,19 +91,14 @@ struct RouteValue {
   bool operator==(const RouteValue&) const = default;
 };
 
-// A kind of nexthop groups that the data plane can program, and how many labels and which actions.
-struct Capability {
-  platform::Routing::NexthopGroup::Type type;
-  uint32_t maxLabels = 0;
-  std::vector<platform::Mpls::Action> actions;
-};
-
 // What a programmer says: at once, from within the call that asked for it, or later.
 class Outcomes {
  public:
   virtual ~Outcomes() = default;
   // What was asked last of this group, or route, was done; or it was not, and why. What is not told
-  // of counts as done: a programmer that never refuses needs to say nothing.
+  // of counts as done: a programmer that never refuses needs to say nothing. A group that was
+  // refused has no routes for as long, and is removed as others are; a route that was refused is
+  // not there.
   virtual void groupOutcome(GroupId group, const std::string& refusal) = 0;
   virtual void routeOutcome(const RouteKey& route, const std::string& refusal) = 0;
   // What was refused may do now: it is asked again.
@@ -115,7 +110,6 @@ class Programmer {
   virtual ~Programmer() = default;
 
   virtual void outcomesAre(Outcomes& outcomes) = 0;
-  virtual std::vector<Capability> capabilities() const = 0;
 
   virtual void addVrf(const platform::Name& vrf) = 0;
   // It has no routes any more.

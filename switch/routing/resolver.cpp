@@ -376,7 +376,6 @@ void Resolver::Core::settle(Entry& entry, const Candidate* moved) {
 
 void Resolver::Core::enlist(Candidate& candidate, Fec& fec) {
   candidate.fec = &fec;
-  candidate.isOfGroup = fec.isNamed();
   candidate.before = nullptr;
   candidate.behind = fec.candidates;
   if (fec.candidates) fec.candidates->before = &candidate;
@@ -785,7 +784,7 @@ void Resolver::Core::choose(Entry& entry) {
                     best->owner->kind == Owner::Kind::receive     ? RouteOrigin::receive
                     : best->owner->kind == Owner::Kind::connected ? RouteOrigin::connected
                                                                   : RouteOrigin::agent,
-                    best->isOfGroup};
+                    best->fec->isNamed()};
     if (!best->fec->isTold) toProgram(*best->fec);
   }
   toProgram(entry);

@@ -124,15 +124,15 @@ DataPlane::DataPlane(Tree& tree)
   for (const auto& [name, type] : kTypes)
     capabilities_[type] = {
         type, kMaxLabels, {Action::push, Action::pop, Action::swap, Action::forward}};
-  routing::showCapabilities(tree_, capabilities());
+  showCapabilities();
 }
 
 DataPlane::~DataPlane() = default;
 
-std::vector<routing::Capability> DataPlane::capabilities() const {
+void DataPlane::showCapabilities() const {
   std::vector<routing::Capability> all;
   for (const auto& [type, capability] : capabilities_) all.push_back(capability);
-  return all;
+  routing::showCapabilities(tree_, all);
 }
 
 void DataPlane::addVrf(const Name& vrf) {
@@ -236,10 +236,12 @@ void DataPlane::setRoute(const RouteKey& key, const RouteValue& value, const Rou
     return;
   }
   Family& there = family(key);
-  if (!there.set(key.prefix, value))
-    outcomes_->routeOutcome(key, "the table is full");
-  else if (before)
-    there.leave(before->group);
+  if (there.set(key.prefix, value)) {
+    if (before) there.leave(before->group);
+    return;
+  }
+  hasRefused_ = true;
+  outcomes_->routeOutcome(key, "the table is full");
 }
 
 void DataPlane::removeRoute(const RouteKey& key, const RouteValue& before) {
@@ -249,6 +251,7 @@ void DataPlane::removeRoute(const RouteKey& key, const RouteValue& before) {
   }
   family(key).remove(key.prefix);
   family(key).leave(before.group);
+  if (std::exchange(hasRefused_, false)) outcomes_->retry();  // there is room now
 }
 
 void DataPlane::setLabel(uint32_t label, const RouteValue& value) {
@@ -292,7 +295,7 @@ std::string DataPlane::capability(const Arguments& arguments) {
     capabilities_.erase(*type);
   else
     capabilities_[*type] = made;
-  routing::showCapabilities(tree_, capabilities());
+  showCapabilities();
   return {};
 }
 

@@ -42,7 +42,6 @@ class DataPlane final : public routing::Programmer {
   [[nodiscard]] std::string clear(const Arguments& arguments);
 
   void outcomesAre(routing::Outcomes& outcomes) override { outcomes_ = &outcomes; }
-  std::vector<routing::Capability> capabilities() const override;
   void addVrf(const platform::Name& vrf) override;
   void removeVrf(const platform::Name& vrf) override;
   void addNextHop(routing::NextHopId id, const routing::NextHop& nextHop) override;
@@ -72,6 +71,7 @@ class DataPlane final : public routing::Programmer {
     bool isOffered = false;
   };
 
+  void showCapabilities() const;
   void eraseStrangers();
   Family& family(const routing::RouteKey& key);
   std::vector<platform::Fib::Via> viasOf(const Group& group) const;
@@ -87,6 +87,7 @@ class DataPlane final : public routing::Programmer {
   std::map<platform::Name, Vrf> vrfs_;
   std::vector<routing::NextHop> nextHops_;  // by their numbers
   std::unordered_map<routing::GroupId, Group> groups_;
+  bool hasRefused_ = false;  // a route that had no room
   bool hasSettled_ = false;
   std::function<void()> whenSettled_;
 };

@@ -1,4 +1,4 @@
-// Shorthand for tests of routes: values from text, and a switch that forwards.
+// A switch that forwards, for tests of routes.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -6,27 +6,13 @@
 #include <string>
 
 #include "platform/model/ip.h"
-#include "ryx/ip.h"
 #include "ryx/ip_route.h"
 #include "switch/sim/sim.h"
 #include "tests/support/parsed.h"
 #include "tests/support/statehub_fixture.h"
+#include "tests/support/texts.h"
 
 namespace ryx::testing {
-
-inline ip_prefix_t prefixOf(const std::string& text) {
-  ip_prefix_t result;
-  EXPECT_TRUE(parse_ip_prefix(text.c_str(), &result)) << text;
-  return result;
-}
-inline ip_addr_t addrOf(const std::string& text) {
-  ip_addr_t result;
-  EXPECT_TRUE(parse_ip_addr(text.c_str(), &result)) << text;
-  return result;
-}
-inline ip_route_key_t keyOf(const std::string& text, uint8_t preference = 1) {
-  return {prefixOf(text), preference};
-}
 
 // With the simulated switch at the other end: Ethernet1 and Ethernet2 are up.
 class ForwardingTest : public StatehubTest {
@@ -44,10 +30,9 @@ class ForwardingTest : public StatehubTest {
   // An operator gives the interface an address.
   void address(const std::string& intf, const std::string& addr) {
     const AsSwitch writes(*this);
-    platform::IntfId id;
-    platform::IpAddrMask mask;
-    ASSERT_TRUE(parse(intf, &id) && parse(addr, &mask));
-    find<platform::Ip::Config>("ip/config")->ipIntfConfig.create(id)->addrWithMask.set(mask);
+    find<platform::Ip::Config>("ip/config")
+        ->ipIntfConfig.create(test::id(intf))
+        ->addrWithMask.set(test::parsed<platform::IpAddrMask>(addr));
   }
   void clogged(TestSdk& sdk, bool isClogged) {
     sdk.connection().tree().cloggedIs(isClogged);
@@ -76,18 +61,5 @@ class ForwardingTest : public StatehubTest {
 
   sim::Sim sim{tree()};
 };
-
-// The error of a call, its class by `Error`.
-template <class Error, class Call>
-std::string errorOf(Call&& call) {
-  try {
-    call();
-  } catch (const Error& e) {
-    return e.what();
-  } catch (const error& e) {
-    return std::string("of another class: ") + e.what();
-  }
-  return "no error";
-}
 
 }  // namespace ryx::testing

@@ -81,13 +81,13 @@ class DataPlane::FamilyOf final : public Family {
   }
   // The FEC first: who sees the route finds it.
   bool set(const IpPrefix& prefix, const RouteValue& value) override {
-    if (users_[value.group]++ == 0) writeFec(value.group);
+    const bool hasFec = users_[value.group]++ != 0 || writeFec(value.group);
     RouteRow row;
     row.key = prefix;
     row.preference = static_cast<uint8_t>(value.preference);
     row.routeType = typeOf(value);
     row.fecId = value.group;
-    if (routes_.write(row)) return true;
+    if (hasFec && routes_.write(row)) return true;
     leave(value.group);
     return false;
   }
@@ -103,10 +103,10 @@ class DataPlane::FamilyOf final : public Family {
   }
 
  private:
-  void writeFec(GroupId id) {
+  bool writeFec(GroupId id) {
     FecRow row;
     row.key = id;
-    fecs_.write(row, plane_.viasOf(plane_.groups_.at(id)));
+    return fecs_.write(row, plane_.viasOf(plane_.groups_.at(id)));
   }
 
   const DataPlane& plane_;
@@ -236,10 +236,10 @@ void DataPlane::setRoute(const RouteKey& key, const RouteValue& value, const Rou
     return;
   }
   Family& there = family(key);
-  if (there.set(key.prefix, value)) {
-    if (before) there.leave(before->group);
-    return;
-  }
+  const bool isSet = there.set(key.prefix, value);
+  if (before && !isSet) there.remove(key.prefix);
+  if (before) there.leave(before->group);
+  if (isSet) return;
   hasRefused_ = true;
   outcomes_->routeOutcome(key, "the table is full");
 }
